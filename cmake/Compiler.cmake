@@ -1,0 +1,23 @@
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+                    -Wold-style-cast -Wextra-semi)
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+include_directories(${CMAKE_SOURCE_DIR})
+
+set(STASHWICK_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+if(STASHWICK_SANITIZE)
+  add_compile_options(-fsanitize=${STASHWICK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${STASHWICK_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
