@@ -1,0 +1,96 @@
+#include "base/operation_queue.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace base {
+
+OperationQueue::OperationQueue() : worker_([this] { work(); }) {}
+
+OperationQueue::~OperationQueue() { close(); }
+
+void OperationQueue::addOperation(Operation operation) {
+  const auto entry = std::make_shared<Entry>(Entry{std::move(operation)});
+  {
+    const MutexLock lock(mutex_);
+    if (closed_) return;
+    entries_.push_back(entry);
+  }
+  tellObservers();
+  const MutexLock lock(mutex_);
+  entry->mayStart = true;
+  changed_.notify_all();
+}
+
+std::size_t OperationQueue::operationCount() const {
+  const MutexLock lock(mutex_);
+  return entries_.size();
+}
+
+void OperationQueue::cancelAllOperations() {
+  const MutexLock lock(mutex_);
+  for (const auto& entry : entries_) entry->cancelled = true;
+}
+
+void OperationQueue::addObserver(const void* who, Observer observer) {
+  const MutexLock lock(mutex_);
+  registrations_.push_back(std::make_shared<const Registration>(Registration{who, std::move(observer)}));
+}
+
+void OperationQueue::removeObserver(const void* who) {
+  const MutexLock lock(mutex_);
+  const auto latest = std::find_if(registrations_.rbegin(), registrations_.rend(),
+                                   [who](const auto& registration) { return registration->who == who; });
+  if (latest != registrations_.rend()) registrations_.erase(std::next(latest).base());
+}
+
+void OperationQueue::close() {
+  cancelAllOperations();
+  {
+    const MutexLock lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+  }
+  if (worker_.joinable()) worker_.join();
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished() {
+  mutex_.lock();
+  while (!entries_.empty() || telling_) changed_.wait(mutex_);
+  mutex_.unlock();
+}
+
+void OperationQueue::tellObservers() {
+  std::vector<std::shared_ptr<const Registration>> registrations;
+  {
+    const MutexLock lock(mutex_);
+    registrations = registrations_;
+  }
+  for (const auto& registration : registrations) registration->observer();
+}
+
+void OperationQueue::work() {
+  mutex_.lock();
+  for (;;) {
+    while (!(closed_ && entries_.empty()) && (entries_.empty() || !entries_.front()->mayStart)) {
+      changed_.wait(mutex_);
+    }
+    if (entries_.empty()) break;
+    const auto entry = entries_.front();
+    if (!entry->cancelled) {
+      mutex_.unlock();
+      entry->operation();
+      mutex_.lock();
+    }
+    entries_.pop_front();
+    telling_ = true;
+    mutex_.unlock();
+    tellObservers();
+    mutex_.lock();
+    telling_ = false;
+    changed_.notify_all();
+  }
+  mutex_.unlock();
+}
+
+}  // namespace base
