@@ -14,6 +14,9 @@
 
 namespace base {
 
+// How deep arrays and dictionaries may nest in a property list that is read.
+inline constexpr int kMaxPropertyListDepth = 512;
+
 // A property-list value: what settings, disk descriptions, string tables and tool outputs are made of.
 class PropertyList {
  public:
