@@ -22,6 +22,6 @@ void appendUTF8(std::string& text, char32_t scalar);
 
 // Each invalid byte, and each unpaired surrogate, becomes U+FFFD.
 std::u16string utf16FromUTF8(std::string_view text);
-std::string utf8FromUTF16(std::u16string_view text);
+std::string utf8FromUTF16(std::u16string_view units);
 
 }  // namespace base
