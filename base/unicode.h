@@ -24,4 +24,25 @@ void appendUTF8(std::string& text, char32_t scalar);
 std::u16string utf16FromUTF8(std::string_view text);
 std::string utf8FromUTF16(std::u16string_view units);
 
+inline bool isValidUTF8(std::string_view text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const auto character = decodeUTF8(text, at);
+    if (!character.valid) return false;
+    at += character.length;
+  }
+  return true;
+}
+
+// The text with each invalid byte replaced by U+FFFD.
+inline std::string repairedUTF8(std::string_view text) {
+  std::string repaired;
+  repaired.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const auto character = decodeUTF8(text, at);
+    appendUTF8(repaired, character.scalar);
+    at += character.length;
+  }
+  return repaired;
+}
+
 }  // namespace base
