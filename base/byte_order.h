@@ -13,13 +13,15 @@ namespace base {
 template <std::unsigned_integral T>
 constexpr T loadBigEndian(const std::byte* from) {
   T value = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i) value = static_cast<T>(value << 8 | std::to_integer<T>(from[i]));
+  for (std::size_t i = 0; i < sizeof(T); ++i)
+    value = static_cast<T>(value << 8 | std::to_integer<T>(from[i]));
   return value;
 }
 
 template <std::unsigned_integral T>
 constexpr void storeBigEndian(std::byte* to, T value) {
-  for (std::size_t i = sizeof(T); i-- > 0; value = static_cast<T>(value >> 8)) to[i] = static_cast<std::byte>(value);
+  for (std::size_t i = sizeof(T); i-- > 0; value = static_cast<T>(value >> 8))
+    to[i] = static_cast<std::byte>(value);
 }
 
 // uint8_t has nothing to shift.
@@ -57,8 +59,8 @@ class ByteWriter {
   std::vector<std::byte>& out_;
 };
 
-// Reads big-endian fields from bytes of unknown origin. A read past the end yields zero (or an empty span) and
-// marks the reader failed for good: read a whole structure, then ask ok() once.
+// Reads big-endian fields from bytes of unknown origin. A read past the end yields zero (or an empty span)
+// and marks the reader failed for good: read a whole structure, then ask ok() once.
 class ByteReader {
  public:
   explicit ByteReader(std::span<const std::byte> bytes) : bytes_(bytes) {}
