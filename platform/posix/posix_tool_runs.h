@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <set>
+#include <sys/types.h>
+
+#include "base/mutex.h"
+#include "platform/posix/path_map.h"
+#include "ports/system_log.h"
+#include "ports/tool_runs.h"
+
+namespace platform::posix {
+
+// Launch paths, and arguments below /Volumes, go through the path map. A tool starts with default signal
+// handling and no descriptors but its three streams. A tool that cannot be launched, ends with a status other
+// than 0, or by a signal, leaves one line in the system log, with the last line of what was captured.
+class PosixToolRuns : public ports::ToolRuns {
+ public:
+  // How long a tool's output is read on once the tool has ended: what it left in the background may still
+  // hold the pipe open, and may do so for ever.
+  static constexpr std::chrono::milliseconds kGraceAfterExit{1000};
+
+  // Both outlive this.
+  PosixToolRuns(const PathMap& paths, ports::SystemLog& log) : paths_(paths), log_(log) {}
+
+  std::unique_ptr<ports::InputPipe> makePipe() override;
+  std::string run(const ports::ToolRun& run) override;
+
+  // For quitting: asks the running tools to end, kills those that still run after the time given, and
+  // launches none from then on.
+  void terminateAll(std::chrono::milliseconds patience);
+
+ private:
+  class Launched;
+
+  const PathMap& paths_;
+  ports::SystemLog& log_;
+  base::Mutex mutex_;
+  std::condition_variable_any ended_;
+  std::set<pid_t> running_ GUARDED_BY(mutex_);  // not yet reaped, so that the number is still theirs
+  bool terminated_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace platform::posix
