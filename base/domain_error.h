@@ -16,7 +16,7 @@ struct DomainError {
   std::optional<std::string> localizedFailureReason;
 
   std::string description() const {
-    const std::string head = stringWithFormat("Error Domain=%@ Code=%li", {domain, code});
+    std::string head = stringWithFormat("Error Domain=%@ Code=%li", {domain, code});
     if (!localizedFailureReason) return head;
     return head + stringWithFormat(" UserInfo={NSLocalizedFailureReason=%@}", {*localizedFailureReason});
   }
