@@ -20,7 +20,7 @@ class Archives : public ports::Archives {
 
  private:
   std::optional<base::Result<base::PropertyList::Dictionary>> dictionaryAt(const std::string& path) const;
-  bool replaceFile(const std::string& path, std::string_view contents);
+  bool replaceFile(const std::string& path, std::string_view contents, bool keepsOld);
 
   Files& files_;
   ports::SystemLog& log_;

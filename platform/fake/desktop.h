@@ -93,6 +93,7 @@ class Desktop : public ports::Desktop {
 
   void note(const std::function<void()>& change);
   void beOpen();
+  ports::MenuResponder* responder() const;
   std::optional<ports::AlertAnswer> answerTo(const ports::Alert& alert);
   std::vector<std::shared_ptr<ports::MenuItem>> itemsTitled(const std::string& title) const;
 

@@ -57,8 +57,7 @@ class Disks : public ports::DiskArbitration {
   int claims(const ports::DiskRef& disk) const;
   // Where the disk's volume is mounted, as a logical path.
   std::optional<std::string> volumePath(const ports::DiskRef& disk) const;
-  // The sessions that are alive.
-  std::size_t sessions() const;
+  std::size_t liveSessionCount() const { return liveSessions().size(); }
 
  private:
   class Disk;
@@ -67,7 +66,10 @@ class Disks : public ports::DiskArbitration {
   using SessionRef = std::shared_ptr<SessionState>;
 
   static Disk& stateOf(const ports::DiskRef& disk);
+  void mustBeOnMainThread(const char* call) const;
   std::vector<SessionRef> liveSessions() const;
+  void tellSessions(void (Disks::*report)(const SessionRef&, const ports::DiskRef&),
+                    const ports::DiskRef& disk);
   void later(std::function<void()> event) { mainQueue_.post(std::move(event)); }
   void reportArrival(const SessionRef& session, const ports::DiskRef& disk);
   void reportDeparture(const SessionRef& session, const ports::DiskRef& disk);
@@ -76,8 +78,10 @@ class Disks : public ports::DiskArbitration {
   std::optional<ports::Dissenter> mountNow(const ports::DiskRef& disk);
   std::optional<ports::Dissenter> unmountNow(const ports::DiskRef& disk);
   std::optional<ports::Dissenter> ejectNow(const ports::DiskRef& disk);
+  void remove(const ports::DiskRef& disk);
   void attachVolume(Disk& disk);
   void detachVolume(Disk& disk);
+  void moveFolder(const std::string& from, const std::string& to);
 
   MainQueue& mainQueue_;
   Files& files_;

@@ -1,17 +1,16 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <thread>
 
 #include "base/mutex.h"
 #include "platform/fake/changes.h"
 #include "platform/fake/clock.h"
+#include "platform/fake/failure.h"
 #include "ports/main_queue.h"
 
 namespace platform::fake {
@@ -20,7 +19,7 @@ namespace platform::fake {
 // while a closure of the queue runs or an alert is open.
 class MainQueue : public ports::MainQueue {
  public:
-  MainQueue(Clock& clock, Changes& changes) : clock_(clock), changes_(changes) {}
+  MainQueue(Clock& clock, Changes& changes, Failure& fail) : clock_(clock), changes_(changes), fail_(fail) {}
   ~MainQueue() override { close(); }
 
   bool isMainThread() const override { return std::this_thread::get_id() == mainThread_; }
@@ -51,7 +50,6 @@ class MainQueue : public ports::MainQueue {
 
  private:
   using Closure = std::function<void()>;
-  struct Wait;
 
   std::optional<Closure> takeNext();
   std::optional<base::Date> nextMoment() const;
@@ -59,8 +57,8 @@ class MainQueue : public ports::MainQueue {
   const std::thread::id mainThread_ = std::this_thread::get_id();
   Clock& clock_;
   Changes& changes_;
+  Failure& fail_;
   mutable base::Mutex mutex_;
-  std::condition_variable_any waitsChanged_;
   std::deque<Closure> posted_ GUARDED_BY(mutex_);
   std::multimap<base::Date, Closure> delayed_ GUARDED_BY(mutex_);  // of one moment: in order of the calls
   int holds_ GUARDED_BY(mutex_) = 0;

@@ -63,7 +63,7 @@ class World {
   base::NotificationCenter notifications;
   Files files{clock, failure};
   SystemLog log{changes};
-  MainQueue mainQueue{clock, changes};
+  MainQueue mainQueue{clock, changes, failure};
   Disks disks{mainQueue, files, clock, changes, failure};
   Desktop desktop{mainQueue, files, changes, failure};
   ToolRuns tools{changes};
