@@ -17,7 +17,8 @@ class Dates {
   // The user's languages, most wanted first, as BCP 47 tags ("en", "pt-BR"). Never empty.
   virtual std::vector<std::string> preferredLanguages() = 0;
 
-  // Medium date and medium time in a language's own way: "Sep 13, 2020, 2:26:40 PM".
+  // Medium date and medium time in a language's own way: "Sep 13, 2020, 2:26:40 PM". It can name
+  // a file: where the language writes "/", the text has "-".
   virtual std::string mediumDateAndTime(base::Date date, const std::string& language) = 0;
 
   // Short date and short time in the user's locale and time zone, with the locale's words for today and

@@ -91,7 +91,7 @@ class MainLoop : public ports::MainQueue {
  private:
   using Clock = std::chrono::steady_clock;
   struct Waiter {
-    enum class State { waiting, running, done, dropped } state = State::waiting;
+    enum class State { waiting, done, dropped } state = State::waiting;
   };
   struct Posted {
     std::function<void()> closure;

@@ -6,7 +6,9 @@
 #include <sys/types.h>
 
 #include "base/mutex.h"
+#include "base/result.h"
 #include "platform/posix/path_map.h"
+#include "platform/posix/tool_streams.h"
 #include "ports/system_log.h"
 #include "ports/tool_runs.h"
 
@@ -18,7 +20,7 @@ namespace platform::posix {
 class PosixToolRuns : public ports::ToolRuns {
  public:
   // How long a tool's output is read on once the tool has ended: what it left in the background may still
-  // hold the pipe open, and may do so for ever.
+  // hold the pipe open, and may do so for ever. What the tool itself wrote is in the pipe by then.
   static constexpr std::chrono::milliseconds kGraceAfterExit{1000};
 
   // Both outlive this.
@@ -32,7 +34,11 @@ class PosixToolRuns : public ports::ToolRuns {
   void terminateAll(std::chrono::milliseconds patience);
 
  private:
-  class Launched;
+  base::Result<pid_t> launch(const ports::ToolRun& run, const ToolStreams& streams) EXCLUDES(mutex_);
+  int reap(pid_t tool) EXCLUDES(mutex_);
+  void logEnd(const std::string& tool, int status, const std::string& output,
+              const std::vector<base::Secret>& input);
+  void signalAll(int signal) REQUIRES(mutex_);
 
   const PathMap& paths_;
   ports::SystemLog& log_;

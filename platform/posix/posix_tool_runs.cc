@@ -1,0 +1,166 @@
+#include "platform/posix/posix_tool_runs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "platform/posix/system_error.h"
+
+namespace platform::posix {
+namespace {
+
+class SecretPipe : public ports::InputPipe {
+ public:
+  void write(base::Secret bytes) override {
+    if (!closed_) bytes_.push_back(std::move(bytes));
+  }
+  void closeWritingEnd() override { closed_ = true; }
+
+  // Once: the bytes are gone when the run that took them is over.
+  std::vector<base::Secret> take() { return std::exchange(bytes_, {}); }
+
+ private:
+  std::vector<base::Secret> bytes_;
+  bool closed_ = false;
+};
+
+// What posix_spawn() is asked for: default signals, the tool's streams, and no other descriptor.
+class SpawnRequest {
+ public:
+  explicit SpawnRequest(const ToolStreams& streams, ports::ToolRun::Capture capture) {
+    ::posix_spawnattr_init(&attributes_);
+    ::posix_spawn_file_actions_init(&actions_);
+    sigset_t none;
+    sigset_t all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    ::posix_spawnattr_setsigmask(&attributes_, &none);
+    ::posix_spawnattr_setsigdefault(&attributes_, &all);
+    ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    if (streams.toolInput() >= 0) connect(streams.toolInput(), STDIN_FILENO);
+    if (capture == ports::ToolRun::Capture::bothOutputs) connect(streams.toolOutput(), STDOUT_FILENO);
+    if (capture != ports::ToolRun::Capture::none) connect(streams.toolOutput(), STDERR_FILENO);
+    ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+  }
+  ~SpawnRequest() {
+    ::posix_spawn_file_actions_destroy(&actions_);
+    ::posix_spawnattr_destroy(&attributes_);
+  }
+  SpawnRequest(const SpawnRequest&) = delete;
+  SpawnRequest& operator=(const SpawnRequest&) = delete;
+
+  base::Result<pid_t> spawn(const std::string& path, const std::vector<std::string>& arguments) const {
+    std::vector<char*> vector{const_cast<char*>(path.c_str())};
+    for (const auto& argument : arguments) vector.push_back(const_cast<char*>(argument.c_str()));
+    vector.push_back(nullptr);
+    pid_t tool = 0;
+    const int error = ::posix_spawn(&tool, path.c_str(), &actions_, &attributes_, vector.data(), ::environ);
+    if (error != 0) return base::Error{errnoText(error)};
+    return tool;
+  }
+
+ private:
+  void connect(int descriptor, int stream) {
+    ::posix_spawn_file_actions_adddup2(&actions_, descriptor, stream);
+  }
+
+  posix_spawnattr_t attributes_;
+  posix_spawn_file_actions_t actions_;
+};
+
+std::string lastLine(std::string_view text) {
+  constexpr std::size_t kLongest = 400;
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+    text.remove_suffix(1);
+  const auto begin = text.find_last_of("\n\r");
+  return std::string(text.substr(begin == text.npos ? 0 : begin + 1).substr(0, kLongest));
+}
+
+// A password goes in with a terminator behind it, which a tool that shows it would leave out.
+bool tells(const std::string& line, const base::Secret& secret) {
+  const auto bytes = secret.reveal();
+  const auto password = bytes.substr(0, bytes.find_first_of(std::string_view("\0\r\n", 3)));
+  return !password.empty() && line.find(password) != line.npos;
+}
+
+std::string howItEnded(int status) {
+  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+  const char* description = ::sigdescr_np(WTERMSIG(status));
+  return "ended by signal " + std::to_string(WTERMSIG(status)) +
+         (description ? std::string(", ") + description : "");
+}
+
+}  // namespace
+
+std::unique_ptr<ports::InputPipe> PosixToolRuns::makePipe() { return std::make_unique<SecretPipe>(); }
+
+std::string PosixToolRuns::run(const ports::ToolRun& run) {
+  std::vector<base::Secret> input;
+  if (run.standardInput) input = dynamic_cast<SecretPipe&>(*run.standardInput).take();
+  auto streams = ToolStreams::open(run.standardInput ? &input : nullptr, run.capture);
+  const auto tool = streams ? launch(run, *streams) : base::Result<pid_t>(streams.error());
+  if (!tool) {
+    const auto line = run.launchPath + ": launch failed - " + tool.error().message;
+    log_.log("[Stashwick] " + line);
+    return run.capture == ports::ToolRun::Capture::none ? "" : line + "\n";
+  }
+  streams->closeToolEnds();
+  streams->exchange(*tool, kGraceAfterExit);
+  const int status = reap(*tool);
+  auto output = streams->takeOutput();
+  if (status != 0) logEnd(run.launchPath, status, output, input);
+  return output;
+}
+
+void PosixToolRuns::terminateAll(std::chrono::milliseconds patience) {
+  base::MutexLock lock(mutex_);
+  terminated_ = true;
+  signalAll(SIGTERM);
+  if (!ended_.wait_for(mutex_, patience, [this] { return running_.empty(); })) signalAll(SIGKILL);
+}
+
+// Launching under the lock leaves no tool that terminateAll() does not know.
+base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolStreams& streams) {
+  std::vector<std::string> arguments;
+  for (const auto& argument : run.arguments) arguments.push_back(paths_.hostArgument(argument));
+  const SpawnRequest request(streams, run.capture);
+  base::MutexLock lock(mutex_);
+  if (terminated_) return base::Error{"the agent is quitting"};
+  const auto tool = request.spawn(paths_.hostPath(run.launchPath), arguments);
+  if (tool) running_.insert(*tool);
+  return tool;
+}
+
+// Waits before it reaps, so that the number cannot be another process's while it is in running_.
+int PosixToolRuns::reap(pid_t tool) {
+  siginfo_t ended{};
+  while (::waitid(P_PID, static_cast<id_t>(tool), &ended, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  }
+  base::MutexLock lock(mutex_);
+  int status = 0;
+  ::waitpid(tool, &status, 0);
+  running_.erase(tool);
+  ended_.notify_all();
+  return status;
+}
+
+void PosixToolRuns::signalAll(int signal) {
+  for (const pid_t tool : running_) ::kill(tool, signal);
+}
+
+void PosixToolRuns::logEnd(const std::string& tool, int status, const std::string& output,
+                           const std::vector<base::Secret>& input) {
+  auto line = "[Stashwick] " + tool + ": " + howItEnded(status);
+  const auto printed = lastLine(output);
+  const bool secret = std::ranges::any_of(input, [&](const auto& bytes) { return tells(printed, bytes); });
+  if (!printed.empty() && !secret) line += ": " + printed;
+  log_.log(line);
+}
+
+}  // namespace platform::posix
