@@ -1,0 +1,44 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/result.h"
+#include "image/udif/writer.h"
+
+namespace image {
+
+enum class Format { zlib, raw };
+
+struct CreateRequest {
+  // Folder whose contents go into the image.
+  std::string source;
+  std::string volumeName;
+  // The new file; nothing may exist there.
+  std::string image;
+  Format format = Format::zlib;
+  // 0: one for each processor.
+  unsigned workers = 0;
+  // Set at any time from any thread or signal handler; the call then ends soon with an Error.
+  const std::atomic<bool>* cancelled = nullptr;
+  udif::Progress* progress = nullptr;
+  // Told what is being done, in words; may be empty. Called on the calling thread.
+  std::function<void(std::string_view)> phase{};
+};
+
+struct CreateReport {
+  std::uint64_t imageBytes = 0;
+  std::uint32_t files = 0;
+  std::uint32_t folders = 0;
+  // Left out because something else is mounted there.
+  std::vector<std::string> mountPoints{};
+};
+
+// Makes a disk image of a folder. The image exists whole under its name, or not at all.
+base::Result<CreateReport> createImage(const CreateRequest& request);
+
+}  // namespace image

@@ -1,0 +1,195 @@
+#include "image/os/new_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "image/os/posix_error.h"
+
+namespace image::os {
+namespace {
+
+constexpr mode_t kFileMode = 0666;
+
+struct PathParts {
+  std::string folder;
+  std::string name;
+};
+
+PathParts splitPath(const std::string& path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return {".", path};
+  return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+base::Error existsError(const std::string& path) { return {"cannot create " + path + ": it exists already"}; }
+
+constexpr std::string_view kHiddenSuffix = ".unfinished";
+
+// Long names are cut so that the hidden one is none that a file system refuses.
+std::string hiddenPrefix(std::string_view name) { return "." + std::string(name.substr(0, 200)) + "."; }
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+// A hidden file of this name that nobody holds a lock on was left by a process that is no more.
+void removeIfAbandoned(int folder, const char* name) {
+  FileDescriptor file(::openat(folder, name, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+  if (file && ::flock(file.number(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(folder, name, 0);
+}
+
+void removeAbandoned(int folder, std::string_view finalName) {
+  const std::string prefix = hiddenPrefix(finalName);
+  FileDescriptor own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseFolder> entries(own ? ::fdopendir(own.number()) : nullptr);
+  if (!entries) return;
+  own.release();
+  while (const dirent* entry = ::readdir(entries.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.starts_with(prefix) && name.ends_with(kHiddenSuffix)) removeIfAbandoned(folder, entry->d_name);
+  }
+}
+
+struct OpenedFile {
+  FileDescriptor file;
+  std::string hiddenName;
+};
+
+// Locked for as long as it is open, which tells it from an abandoned one.
+base::Result<OpenedFile> openHidden(int folder, const std::string& name, const std::string& path) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string hidden = hiddenPrefix(name) + std::to_string(::getpid()) + "-" + std::to_string(attempt);
+    hidden += kHiddenSuffix;
+    FileDescriptor file(::openat(folder, hidden.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    if (!file && errno == EEXIST) continue;
+    if (!file) return posixError("cannot create", path, errno);
+    ::flock(file.number(), LOCK_EX | LOCK_NB);
+    return OpenedFile{std::move(file), std::move(hidden)};
+  }
+  return posixError("cannot create", path, EEXIST);
+}
+
+base::Result<OpenedFile> openNameless(int folder, const std::string& name, const std::string& path) {
+  FileDescriptor file(::openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, kFileMode));
+  if (file) return OpenedFile{std::move(file), {}};
+  if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL || errno == ENOENT)
+    return openHidden(folder, name, path);
+  return posixError("cannot create", path, errno);
+}
+
+class OpenFile : public base::RandomAccess {
+ public:
+  OpenFile(int file, std::uint64_t size) : file_(file), size_(size) {}
+  std::uint64_t size() const override { return size_; }
+  bool read(std::uint64_t offset, std::span<std::byte> into) const override {
+    while (!into.empty()) {
+      const ssize_t got = ::pread(file_, into.data(), into.size(), static_cast<off_t>(offset));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;
+      into = into.subspan(static_cast<std::size_t>(got));
+      offset += static_cast<std::uint64_t>(got);
+    }
+    return true;
+  }
+
+ private:
+  int file_;
+  std::uint64_t size_;
+};
+
+class OwnedFile : public OpenFile {
+ public:
+  OwnedFile(FileDescriptor file, std::uint64_t size)
+      : OpenFile(file.number(), size), owned_(std::move(file)) {}
+
+ private:
+  FileDescriptor owned_;
+};
+
+}  // namespace
+
+NewFile::NewFile(std::string path, FileDescriptor folder, FileDescriptor file, std::string hiddenName)
+    : path_(std::move(path)),
+      name_(splitPath(path_).name),
+      folder_(std::move(folder)),
+      file_(std::move(file)),
+      hiddenName_(std::move(hiddenName)) {}
+
+base::Result<std::unique_ptr<NewFile>> NewFile::create(const std::string& path) {
+  const auto [folderPath, name] = splitPath(path);
+  FileDescriptor folder(::open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) return posixError("cannot create " + path + ": cannot open the folder", folderPath, errno);
+  struct stat status {};
+  if (::fstatat(folder.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return existsError(path);
+  removeAbandoned(folder.number(), name);
+  auto opened = openNameless(folder.number(), name, path);
+  if (!opened) return opened.error();
+  return std::unique_ptr<NewFile>(
+      new NewFile(path, std::move(folder), std::move(opened->file), std::move(opened->hiddenName)));
+}
+
+NewFile::~NewFile() {
+  if (!hiddenName_.empty()) ::unlinkat(folder_.number(), hiddenName_.c_str(), 0);
+}
+
+base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t put = ::pwrite(file_.number(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    if (put < 0 && errno == EINTR) continue;
+    if (put < 0) return posixError("cannot write", path_, errno);
+    bytes = bytes.subspan(static_cast<std::size_t>(put));
+    offset += static_cast<std::uint64_t>(put);
+  }
+  return {};
+}
+
+base::Result<void> NewFile::sync() {
+  if (::fsync(file_.number()) != 0) return posixError("cannot write", path_, errno);
+  return {};
+}
+
+std::unique_ptr<base::RandomAccess> NewFile::contents() const {
+  struct stat status {};
+  const bool known = ::fstat(file_.number(), &status) == 0;
+  return std::make_unique<OpenFile>(file_.number(), known ? static_cast<std::uint64_t>(status.st_size) : 0);
+}
+
+base::Result<void> NewFile::giveName() {
+  if (hiddenName_.empty()) {
+    const std::string self = "/proc/self/fd/" + std::to_string(file_.number());
+    if (::linkat(AT_FDCWD, self.c_str(), folder_.number(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0) return {};
+  } else {
+    if (::renameat2(folder_.number(), hiddenName_.c_str(), folder_.number(), name_.c_str(),
+                    RENAME_NOREPLACE) == 0) {
+      hiddenName_.clear();
+      return {};
+    }
+    // File systems without that flag may still have links, which do not replace either.
+    if (errno == EINVAL &&
+        ::linkat(folder_.number(), hiddenName_.c_str(), folder_.number(), name_.c_str(), 0) == 0)
+      return {};
+  }
+  return errno == EEXIST ? existsError(path_) : posixError("cannot create", path_, errno);
+}
+
+base::Result<void> NewFile::publish() {
+  if (auto named = giveName(); !named) return named;
+  if (::fsync(folder_.number()) != 0 && errno != EINVAL) return posixError("cannot write", path_, errno);
+  return {};
+}
+
+base::Result<std::unique_ptr<base::RandomAccess>> openFile(const std::string& path) {
+  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!file || ::fstat(file.number(), &status) != 0) return posixError("cannot open", path, errno);
+  if (!S_ISREG(status.st_mode)) return base::Error{"cannot open " + path + ": not a file"};
+  return std::unique_ptr<base::RandomAccess>(
+      std::make_unique<OwnedFile>(std::move(file), static_cast<std::uint64_t>(status.st_size)));
+}
+
+}  // namespace image::os

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/random_access.h"
+#include "base/result.h"
+#include "image/block/output.h"
+#include "image/os/file_descriptor.h"
+
+namespace image::os {
+
+// A file that appears under its name only when it is whole. Until then it has no name at all, or, where the
+// file system cannot do that, a hidden one in the same folder, which is removed when the NewFile goes away;
+// what a killed process left there is removed by the next create() for the same name.
+class NewFile : public block::Output {
+ public:
+  // Refuses a path where something exists already.
+  static base::Result<std::unique_ptr<NewFile>> create(const std::string& path);
+  ~NewFile() override;
+
+  base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
+  // Makes what was written durable.
+  base::Result<void> sync();
+  // What is on disk, for any number of threads; lives no longer than the NewFile.
+  std::unique_ptr<base::RandomAccess> contents() const;
+  // Gives the file its name, never in place of another, and makes that durable too.
+  base::Result<void> publish();
+
+ private:
+  NewFile(std::string path, FileDescriptor folder, FileDescriptor file, std::string hiddenName);
+
+  base::Result<void> giveName();
+
+  std::string path_;
+  std::string name_;
+  FileDescriptor folder_;
+  FileDescriptor file_;
+  // Empty while the file has no name.
+  std::string hiddenName_;
+};
+
+// An existing file, for any number of threads.
+base::Result<std::unique_ptr<base::RandomAccess>> openFile(const std::string& path);
+
+}  // namespace image::os

@@ -1,0 +1,266 @@
+#include "image/os/source_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <set>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unordered_map>
+
+#include "image/os/posix_error.h"
+#include "image/os/source_path.h"
+
+namespace image::os {
+namespace {
+
+constexpr std::int64_t kNanosecondsInSecond = 1'000'000'000;
+
+// Held within what 64 bits of nanoseconds can say.
+std::int64_t nanoseconds(const statx_timestamp& time) {
+  constexpr std::int64_t kMostSeconds = INT64_MAX / kNanosecondsInSecond - 1;
+  return std::clamp<std::int64_t>(time.tv_sec, -kMostSeconds, kMostSeconds) * kNanosecondsInSecond +
+         time.tv_nsec;
+}
+
+hfs::Times timesOf(const struct statx& status) {
+  hfs::Times times{.modified = nanoseconds(status.stx_mtime),
+                   .changed = nanoseconds(status.stx_ctime),
+                   .accessed = nanoseconds(status.stx_atime)};
+  times.created = (status.stx_mask & STATX_BTIME) != 0 ? nanoseconds(status.stx_btime) : times.modified;
+  return times;
+}
+
+hfs::Item itemOf(std::string_view name, const struct statx& status) {
+  return {.name = name,
+          .mode = status.stx_mode,
+          .owner = status.stx_uid,
+          .group = status.stx_gid,
+          .size = S_ISREG(status.stx_mode) ? status.stx_size : 0,
+          .device = status.stx_rdev_major << 24 | (status.stx_rdev_minor & 0xFFFFFF),
+          .times = timesOf(status)};
+}
+
+constexpr unsigned kStatusMask = STATX_BASIC_STATS | STATX_BTIME;
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+// The target's length; a link's own size is 0 on some file systems.
+base::Result<std::uint64_t> linkLength(int folder, const char* name, const std::string& path) {
+  char target[PATH_MAX];
+  const ssize_t length = ::readlinkat(folder, name, target, sizeof target);
+  if (length < 0) return posixError("cannot read the symbolic link", path, errno);
+  return static_cast<std::uint64_t>(length);
+}
+
+struct FileIdentity {
+  std::uint64_t device;
+  std::uint64_t number;
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+struct HashIdentity {
+  std::size_t operator()(const FileIdentity& id) const {
+    return id.number * 0x9E3779B97F4A7C15ull ^ id.device;
+  }
+};
+
+// Walks the source folder by folder and grows the tree.
+class Scanner {
+ public:
+  Scanner(int root, const std::string& rootPath, hfs::Tree tree)
+      : scan_{.tree = std::move(tree), .mountPoints = {}}, path_(scan_.tree, root, rootPath) {}
+
+  base::Result<Scan> run(const std::atomic<bool>* cancelled) {
+    for (hfs::NodeIndex node = 0; node < scan_.tree.nodes().size(); ++node) {
+      if (!scan_.tree.nodes()[node].isFolder() || mountPoints_.contains(node)) continue;
+      if (cancelled != nullptr && *cancelled) return base::Error{"it was interrupted"};
+      if (auto listed = list(node); !listed) return listed.error();
+    }
+    return std::move(scan_);
+  }
+
+ private:
+  base::Result<void> list(hfs::NodeIndex folder) {
+    auto opened = path_.openFolder(folder);
+    if (!opened) return opened.error();
+    FileDescriptor own(::openat(*opened, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, CloseFolder> entries(own ? ::fdopendir(own.number()) : nullptr);
+    if (!entries) return posixError("cannot list the folder", path_.textOf(folder), errno);
+    own.release();
+    while (true) {
+      errno = 0;
+      const dirent* entry = ::readdir(entries.get());
+      if (entry == nullptr) break;
+      const std::string_view name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      if (auto added = addEntry(folder, *opened, entry->d_name); !added) return added;
+    }
+    if (errno != 0) return posixError("cannot list the folder", path_.textOf(folder), errno);
+    return {};
+  }
+
+  base::Result<void> addEntry(hfs::NodeIndex folder, int opened, const char* name) {
+    const auto text = [&] { return path_.textOf(folder) + "/" + name; };
+    struct statx status {};
+    if (::statx(opened, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, kStatusMask, &status) != 0)
+      return posixError("cannot look at", text(), errno);
+    auto item = itemOf(name, status);
+    if (S_ISLNK(status.stx_mode)) {
+      auto length = linkLength(opened, name, text());
+      if (!length) return length.error();
+      item.size = *length;
+    }
+    auto added = addItem(folder, item, status);
+    if (!added) return base::Error{"cannot store " + text() + ": " + added.error().message};
+    if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 && S_ISDIR(status.stx_mode)) {
+      mountPoints_.insert(*added);
+      scan_.mountPoints.push_back(text());
+    }
+    return {};
+  }
+
+  base::Result<hfs::NodeIndex> addItem(hfs::NodeIndex folder, const hfs::Item& item,
+                                       const struct statx& status) {
+    if (!S_ISREG(status.stx_mode) || status.stx_nlink < 2) return scan_.tree.add(folder, item);
+    const FileIdentity id{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+    if (const auto known = linked_.find(id); known != linked_.end())
+      return scan_.tree.addLink(folder, item.name, known->second);
+    auto added = scan_.tree.add(folder, item);
+    if (added) linked_.emplace(id, *added);
+    return added;
+  }
+
+  Scan scan_;
+  SourcePath path_;
+  std::set<hfs::NodeIndex> mountPoints_;
+  // Files with several names, by the first that was found.
+  std::unordered_map<FileIdentity, hfs::NodeIndex, HashIdentity> linked_;
+};
+
+class SourceReader : public hfs::ForkReader {
+ public:
+  SourceReader(const hfs::Tree& tree, int root, const std::string& rootPath)
+      : tree_(tree), path_(tree, root, rootPath) {}
+
+  base::Result<block::Filled> read(hfs::NodeIndex node, std::uint64_t offset,
+                                   std::span<std::byte> into) override {
+    if (tree_.nodes()[node].isSymbolicLink()) return readLink(node, offset, into);
+    if (node != openNode_)
+      if (auto opened = openFile(node); !opened) return opened.error();
+    if (isSparse_) {
+      const off_t data = ::lseek(file_.number(), static_cast<off_t>(offset), SEEK_DATA);
+      const bool hole = data < 0 ? errno == ENXIO : static_cast<std::uint64_t>(data) >= offset + into.size();
+      if (hole) {
+        if (auto same = checkUnchanged(node); !same) return same.error();
+        return block::Filled::zeros;
+      }
+    }
+    if (auto done = readAll(node, offset, into); !done) return done.error();
+    if (auto same = checkUnchanged(node); !same) return same.error();
+    return block::Filled::data;
+  }
+
+ private:
+  base::Result<void> openFile(hfs::NodeIndex node) {
+    openNode_ = hfs::kNoNode;
+    const hfs::NodeIndex origin = path_.origin(node);
+    auto folder = path_.openFolder(tree_.nodes()[origin].parent);
+    if (!folder) return folder.error();
+    const std::string name(tree_.sourceName(origin));
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    // Only the owner may leave the access date alone.
+    FileDescriptor opened(::openat(*folder, name.c_str(), kFlags | O_NOATIME));
+    if (!opened && errno == EPERM) opened = FileDescriptor(::openat(*folder, name.c_str(), kFlags));
+    if (!opened) return posixError("cannot read", path_.textOf(node), errno);
+    file_ = std::move(opened);
+    if (auto same = checkUnchanged(node); !same) return same;
+    openNode_ = node;
+    return {};
+  }
+
+  base::Result<void> checkUnchanged(hfs::NodeIndex node) {
+    struct statx status {};
+    if (::statx(file_.number(), "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) != 0)
+      return posixError("cannot look at", path_.textOf(node), errno);
+    const hfs::Node& scanned = tree_.nodes()[node];
+    if (!S_ISREG(status.stx_mode) || status.stx_size != scanned.size ||
+        nanoseconds(status.stx_mtime) != scanned.times.modified)
+      return base::Error{"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
+    isSparse_ = status.stx_blocks * 512 < scanned.size;
+    return {};
+  }
+
+  base::Result<void> readAll(hfs::NodeIndex node, std::uint64_t offset, std::span<std::byte> into) {
+    while (!into.empty()) {
+      const ssize_t got = ::pread(file_.number(), into.data(), into.size(), static_cast<off_t>(offset));
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) return posixError("cannot read", path_.textOf(node), errno);
+      if (got == 0)
+        return base::Error{"cannot read " + path_.textOf(node) + ": it shrank while it was being read"};
+      into = into.subspan(static_cast<std::size_t>(got));
+      offset += static_cast<std::uint64_t>(got);
+    }
+    return {};
+  }
+
+  base::Result<block::Filled> readLink(hfs::NodeIndex node, std::uint64_t offset, std::span<std::byte> into) {
+    auto folder = path_.openFolder(tree_.nodes()[node].parent);
+    if (!folder) return folder.error();
+    const std::string name(tree_.sourceName(node));
+    std::array<std::byte, PATH_MAX> target;
+    const ssize_t length =
+        ::readlinkat(*folder, name.c_str(), reinterpret_cast<char*>(target.data()), target.size());
+    if (length < 0) return posixError("cannot read the symbolic link", path_.textOf(node), errno);
+    if (static_cast<std::uint64_t>(length) != tree_.nodes()[node].size)
+      return base::Error{"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
+    std::ranges::copy(std::span(target).subspan(offset, into.size()), into.begin());
+    return block::Filled::data;
+  }
+
+  const hfs::Tree& tree_;
+  SourcePath path_;
+  hfs::NodeIndex openNode_ = hfs::kNoNode;
+  FileDescriptor file_;
+  bool isSparse_ = false;
+};
+
+class SourceForks : public hfs::ForkSource {
+ public:
+  SourceForks(const hfs::Tree& tree, int root, const std::string& rootPath)
+      : tree_(tree), root_(root), rootPath_(rootPath) {}
+  std::unique_ptr<hfs::ForkReader> openReader() const override {
+    return std::make_unique<SourceReader>(tree_, root_, rootPath_);
+  }
+
+ private:
+  const hfs::Tree& tree_;
+  int root_;
+  const std::string& rootPath_;
+};
+
+}  // namespace
+
+base::Result<SourceFolder> SourceFolder::open(const std::string& path) {
+  FileDescriptor root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root) return posixError("cannot open the folder", path, errno);
+  return SourceFolder(std::move(root), path);
+}
+
+base::Result<Scan> SourceFolder::scan(const ScanOptions& options) const {
+  struct statx status {};
+  if (::statx(root_.number(), "", AT_EMPTY_PATH, kStatusMask, &status) != 0)
+    return posixError("cannot look at", path_, errno);
+  return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status))).run(options.cancelled);
+}
+
+std::unique_ptr<hfs::ForkSource> SourceFolder::forks(const hfs::Tree& tree) const {
+  return std::make_unique<SourceForks>(tree, root_.number(), path_);
+}
+
+}  // namespace image::os

@@ -1,0 +1,291 @@
+#include "image/udif/writer.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "base/mutex.h"
+#include "base/xml_property_list.h"
+#include "image/block/zeros.h"
+#include "image/codec/checksum.h"
+#include "image/udif/aligned_appender.h"
+#include "image/udif/format.h"
+
+namespace image::udif {
+namespace {
+
+constexpr std::uint64_t kChunkSectors = 2048;
+constexpr std::size_t kChunkBytes = kChunkSectors * block::kSectorBytes;
+// What the format's own tool says for zlib chunks of that size; uncompressed images say 0.
+constexpr std::uint32_t kBuffersNeeded = 2056;
+// A chunk that shrinks by less than this part is stored as it is: reading it back is then free.
+constexpr std::size_t kLeastGain = 64;
+
+struct Chunk {
+  std::size_t region = 0;
+  // From the region's first sector on.
+  std::uint64_t firstSector = 0;
+  std::uint64_t sectorCount = 0;
+};
+
+struct StoredChunk {
+  Chunk chunk;
+  RunType type = RunType::zeros;
+  codec::CRC32 plain;
+  codec::CRC32 stored{};
+  // Null for zeros.
+  std::unique_ptr<Piece> piece{};
+};
+
+// The disk's chunks in order: 2048 sectors each, counted from the start of their region.
+class ChunkList {
+ public:
+  explicit ChunkList(const std::vector<block::Region>& regions) : regions_(regions) {
+    for (const auto& region : regions) {
+      starts_.push_back(count_);
+      count_ += (region.sectorCount + kChunkSectors - 1) / kChunkSectors;
+    }
+  }
+  std::uint64_t count() const { return count_; }
+  Chunk operator[](std::uint64_t index) const {
+    const auto region =
+        static_cast<std::size_t>(std::ranges::upper_bound(starts_, index) - starts_.begin()) - 1;
+    const std::uint64_t first = (index - starts_[region]) * kChunkSectors;
+    return {region, first, std::min(kChunkSectors, regions_[region].sectorCount - first)};
+  }
+  std::uint64_t diskSector(const Chunk& chunk) const {
+    return regions_[chunk.region].firstSector + chunk.firstSector;
+  }
+
+ private:
+  const std::vector<block::Region>& regions_;
+  std::vector<std::uint64_t> starts_;
+  std::uint64_t count_ = 0;
+};
+
+std::vector<BlockTable> emptyTables(const std::vector<block::Region>& regions, bool compresses) {
+  std::vector<BlockTable> tables;
+  for (const auto& region : regions)
+    tables.push_back({.name = region.name,
+                      .descriptor = static_cast<std::uint32_t>(tables.size()) - 1,
+                      .firstSector = region.firstSector,
+                      .sectorCount = region.sectorCount,
+                      .buffersNeeded = compresses ? kBuffersNeeded : 0,
+                      .checksum = 0});
+  return tables;
+}
+
+// Where the workers' chunks come together again in the order of the disk.
+class Assembly {
+ public:
+  Assembly(const ChunkList& chunks, std::vector<BlockTable> tables, block::Output& output,
+           const WriteOptions& options)
+      : chunks_(chunks),
+        output_(output),
+        options_(options),
+        tables_(std::move(tables)),
+        tableSums_(tables_.size()) {
+    const std::size_t window = 4 * std::size_t{options.workers};
+    waiting_.resize(window);
+    for (std::size_t i = 0; i < window; ++i) spare_.push_back(std::make_unique<Piece>(kChunkBytes));
+  }
+
+  struct Claim {
+    std::uint64_t index = 0;
+    std::unique_ptr<Piece> piece;
+  };
+  // The next chunk to make, with memory for it. Waits while too many are under way; nullopt when there is
+  // nothing more to do.
+  std::optional<Claim> claim() {
+    base::MutexLock lock(mutex_);
+    while (!ended() && nextClaim_ < chunks_.count() && !hasRoom()) changed_.wait(mutex_);
+    if (ended() || nextClaim_ == chunks_.count()) return std::nullopt;
+    Claim claim{nextClaim_++, std::move(spare_.back())};
+    spare_.pop_back();
+    return claim;
+  }
+
+  // Hands in chunk `index` and the memory that it did not need, and carries out the writes that become due.
+  void submit(std::uint64_t index, StoredChunk made, std::unique_ptr<Piece> unused) {
+    std::vector<Due> due;
+    {
+      base::MutexLock lock(mutex_);
+      waiting_[index % waiting_.size()] = std::move(made);
+      if (unused) spare_.push_back(std::move(unused));
+      while (auto& next = waiting_[nextPlaced_ % waiting_.size()]) {
+        place(*std::exchange(next, std::nullopt), due);
+        ++nextPlaced_;
+      }
+    }
+    changed_.notify_all();
+    for (Due& write : due) carryOut(write);
+  }
+
+  void fail(base::Error error) {
+    {
+      base::MutexLock lock(mutex_);
+      if (!failure_) failure_ = std::move(error);
+    }
+    changed_.notify_all();
+  }
+
+  // After all workers have ended: property list and trailer.
+  base::Result<std::uint64_t> finish(std::uint64_t sectorCount) {
+    base::MutexLock lock(mutex_);
+    if (cancelled()) return base::Error{"it was interrupted"};
+    if (failure_) return *failure_;
+    for (std::size_t i = 0; i < tables_.size(); ++i) tables_[i].checksum = tableSums_[i].value();
+    const std::uint64_t dataLength = appender_.length();
+    const auto list = base::writeXMLPropertyList(encodeResources(tables_, dataLength));
+    const auto trailer = encodeTrailer({.dataForkLength = dataLength,
+                                        .propertyListOffset = dataLength,
+                                        .propertyListLength = list.size(),
+                                        .segmentID = options_.segmentID,
+                                        .dataChecksum = dataSum_.value(),
+                                        .masterChecksum = masterChecksum(tables_),
+                                        .sectorCount = sectorCount});
+    if (auto written = append(std::as_bytes(std::span(list))); !written) return written.error();
+    if (auto written = append(trailer); !written) return written.error();
+    const auto last = appender_.finish();
+    if (auto written = output_.write(last.offset, last.bytes); !written) return written.error();
+    return appender_.length();
+  }
+
+ private:
+  struct Due {
+    AlignedAppender::Write write;
+    std::unique_ptr<Piece> piece;
+  };
+
+  bool cancelled() const { return options_.cancelled != nullptr && *options_.cancelled; }
+  bool ended() const REQUIRES(mutex_) { return failure_.has_value() || cancelled(); }
+
+  bool hasRoom() const REQUIRES(mutex_) {
+    return !spare_.empty() && nextClaim_ - nextPlaced_ < waiting_.size();
+  }
+
+  void place(StoredChunk made, std::vector<Due>& due) REQUIRES(mutex_) {
+    auto& runs = tables_[made.chunk.region].runs;
+    tableSums_[made.chunk.region].append(made.plain);
+    if (made.type == RunType::zeros && !runs.empty() && runs.back().type == RunType::zeros) {
+      runs.back().sectorCount += made.chunk.sectorCount;
+    } else {
+      runs.push_back({made.type, made.chunk.firstSector, made.chunk.sectorCount, appender_.length(),
+                      made.stored.count()});
+    }
+    dataSum_.append(made.stored);
+    if (made.piece) {
+      const auto write = appender_.place(*made.piece);
+      due.push_back({write, std::move(made.piece)});
+    }
+    if (options_.progress != nullptr) {
+      options_.progress->sectorsDone += made.chunk.sectorCount;
+      options_.progress->bytesStored = appender_.length();
+    }
+  }
+
+  void carryOut(Due& due) {
+    if (!due.write.bytes.empty())
+      if (auto written = output_.write(due.write.offset, due.write.bytes); !written) fail(written.error());
+    {
+      base::MutexLock lock(mutex_);
+      spare_.push_back(std::move(due.piece));
+    }
+    changed_.notify_all();
+  }
+
+  base::Result<void> append(std::span<const std::byte> bytes) REQUIRES(mutex_) {
+    Piece piece(bytes.size());
+    std::ranges::copy(bytes, piece.space().begin());
+    piece.setSize(bytes.size());
+    const auto write = appender_.place(piece);
+    return write.bytes.empty() ? base::Result<void>() : output_.write(write.offset, write.bytes);
+  }
+
+  const ChunkList& chunks_;
+  block::Output& output_;
+  const WriteOptions& options_;
+
+  base::Mutex mutex_;
+  std::condition_variable_any changed_;
+  std::vector<std::unique_ptr<Piece>> spare_ GUARDED_BY(mutex_);
+  std::vector<std::optional<StoredChunk>> waiting_ GUARDED_BY(mutex_);
+  std::uint64_t nextClaim_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t nextPlaced_ GUARDED_BY(mutex_) = 0;
+  std::optional<base::Error> failure_ GUARDED_BY(mutex_);
+  AlignedAppender appender_ GUARDED_BY(mutex_);
+  std::vector<BlockTable> tables_ GUARDED_BY(mutex_);
+  std::vector<codec::CRC32> tableSums_ GUARDED_BY(mutex_);
+  codec::CRC32 dataSum_ GUARDED_BY(mutex_);
+};
+
+// One thread's work: read a chunk, sum it, make it smaller, hand it in.
+class Worker {
+ public:
+  Worker(const block::Content& disk, const ChunkList& chunks, Assembly& assembly, const WriteOptions& options)
+      : disk_(disk), chunks_(chunks), assembly_(assembly), options_(options) {}
+
+  void run() {
+    const auto reader = disk_.openReader();
+    codec::ZlibCompressor compressor(options_.effort);
+    auto plain = std::make_unique<Piece>(kChunkBytes);
+    while (auto claim = assembly_.claim()) {
+      const Chunk chunk = chunks_[claim->index];
+      const auto bytes = plain->space().first(chunk.sectorCount * block::kSectorBytes);
+      auto filled = reader->read(chunks_.diskSector(chunk) * block::kSectorBytes, bytes);
+      if (!filled) return assembly_.fail(filled.error());
+      if (*filled == block::Filled::zeros || block::allZeros(bytes)) {
+        assembly_.submit(claim->index, {.chunk = chunk, .plain = codec::CRC32::ofZeros(bytes.size())},
+                         std::move(claim->piece));
+        continue;
+      }
+      assembly_.submit(claim->index, store(chunk, plain, std::move(claim->piece), compressor), nullptr);
+    }
+  }
+
+ private:
+  // Takes either `target` with the compressed bytes, or `plain` itself, which `target` then replaces.
+  StoredChunk store(const Chunk& chunk, std::unique_ptr<Piece>& plain, std::unique_ptr<Piece> target,
+                    codec::ZlibCompressor& compressor) const {
+    const auto bytes = plain->space().first(chunk.sectorCount * block::kSectorBytes);
+    const auto sum = codec::CRC32::of(bytes);
+    if (options_.compresses && codec::looksCompressible(bytes)) {
+      const auto size =
+          compressor.compress(bytes, target->space().first(bytes.size() - bytes.size() / kLeastGain));
+      if (size != 0) {
+        target->setSize(size);
+        const auto stored = codec::CRC32::of(target->content());
+        return {chunk, RunType::zlib, sum, stored, std::move(target)};
+      }
+    }
+    plain->setSize(bytes.size());
+    std::swap(plain, target);
+    return {chunk, RunType::raw, sum, sum, std::move(target)};
+  }
+
+  const block::Content& disk_;
+  const ChunkList& chunks_;
+  Assembly& assembly_;
+  const WriteOptions& options_;
+};
+
+}  // namespace
+
+base::Result<std::uint64_t> writeImage(const block::Content& disk, const std::vector<block::Region>& regions,
+                                       block::Output& output, const WriteOptions& options) {
+  const ChunkList chunks(regions);
+  const std::uint64_t sectors = disk.size() / block::kSectorBytes;
+  if (options.progress != nullptr) options.progress->sectorsTotal = sectors;
+  Assembly assembly(chunks, emptyTables(regions, options.compresses), output, options);
+  {
+    std::vector<std::jthread> threads;
+    for (unsigned i = 0; i < options.workers; ++i)
+      threads.emplace_back([&] { Worker(disk, chunks, assembly, options).run(); });
+  }
+  return assembly.finish(sectors);
+}
+
+}  // namespace image::udif

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "base/result.h"
+#include "image/block/content.h"
+#include "image/block/output.h"
+#include "image/block/partitioned_disk.h"
+#include "image/codec/zlib_codec.h"
+
+namespace image::udif {
+
+// Counts that grow while an image is written; whoever shows them looks whenever it likes.
+struct Progress {
+  std::atomic<std::uint64_t> sectorsDone = 0;
+  std::atomic<std::uint64_t> sectorsTotal = 0;
+  std::atomic<std::uint64_t> bytesStored = 0;
+};
+
+struct WriteOptions {
+  // false: every chunk that is not all zeros is stored as it is.
+  bool compresses = true;
+  codec::Effort effort = codec::Effort::fast;
+  // At least 1.
+  unsigned workers = 1;
+  std::array<std::byte, 16> segmentID{};
+  // Looked at between chunks; null: never cancelled.
+  const std::atomic<bool>* cancelled = nullptr;
+  Progress* progress = nullptr;
+};
+
+// Writes the disk as a UDIF image. Reads, compresses and sums in `workers` threads and writes the chunks in
+// the order of the disk. Every write begins at a multiple of 4096 bytes, and all but the last have such a
+// length. Gives the image's length in bytes; the first thing that goes wrong ends it with that Error.
+base::Result<std::uint64_t> writeImage(const block::Content& disk, const std::vector<block::Region>& regions,
+                                       block::Output& output, const WriteOptions& options);
+
+}  // namespace image::udif

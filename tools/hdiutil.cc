@@ -1,0 +1,87 @@
+#include "tools/hdiutil.h"
+
+#include <ostream>
+
+#include "base/xml_property_list.h"
+#include "image/create.h"
+#include "tools/arguments.h"
+
+namespace tools {
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kNotUnderstood = 64;
+
+constexpr std::string_view kUsage =
+    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO] [-plist] [-verbose] "
+    "IMAGE\n";
+
+int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason, int status = kFailed) {
+  host.error << "hdiutil: " << verb << " failed - " << reason << "\n";
+  return status;
+}
+
+// The file name without folders.
+std::string lastComponent(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path.substr(path.rfind('/') + 1);
+}
+
+base::Result<image::CreateRequest> createRequest(const Arguments& arguments) {
+  const auto source = arguments.value("-srcfolder");
+  if (!source || source->empty()) return base::Error{"-srcfolder is missing"};
+  if (arguments.operands().size() != 1 || arguments.operands()[0].empty())
+    return base::Error{"one image path is needed"};
+  if (arguments.value("-fs").value_or("HFS+") != "HFS+")
+    return base::Error{"unknown file system " + *arguments.value("-fs")};
+  const std::string format = arguments.value("-format").value_or("UDZO");
+  if (format != "UDZO" && format != "UDRO") return base::Error{"unknown format " + format};
+  if (const auto method = arguments.value("-encryption"))
+    return base::Error{"unknown encryption method \"" + *method + "\""};
+  return image::CreateRequest{.source = *source,
+                              .volumeName = arguments.value("-volname").value_or(lastComponent(*source)),
+                              .image = arguments.operands()[0],
+                              .format = format == "UDZO" ? image::Format::zlib : image::Format::raw};
+}
+
+void reportCreated(const std::string& path, bool asPropertyList, std::ostream& out) {
+  if (asPropertyList)
+    out << base::writeXMLPropertyList(base::PropertyList::Array{path});
+  else
+    out << "created: " << path << "\n";
+}
+
+int create(const std::vector<std::string>& given, const HdiutilHost& host) {
+  const auto arguments =
+      Arguments::parse(given, 1,
+                       {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-encryption"},
+                        .alone = {"-plist", "-verbose", "-stdinpass"}});
+  if (!arguments) return fail(host, "create", arguments.error().message, kNotUnderstood);
+  auto request = createRequest(*arguments);
+  if (!request) {
+    host.error << kUsage;
+    return fail(host, "create", request.error().message, kNotUnderstood);
+  }
+  request->cancelled = &host.cancelled;
+  if (arguments->has("-verbose"))
+    request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };
+  const auto report = image::createImage(*request);
+  if (!report) return fail(host, "create", report.error().message);
+  for (const auto& mountPoint : report->mountPoints)
+    host.error << "hdiutil: " << mountPoint << " was left out: another volume is mounted there\n";
+  reportCreated(request->image, arguments->has("-plist"), host.out);
+  host.out.flush();
+  return host.out ? kDone : fail(host, "create", "cannot write to standard output");
+}
+
+}  // namespace
+
+int hdiutil(const std::vector<std::string>& arguments, const HdiutilHost& host) {
+  if (!arguments.empty() && arguments[0] == "create") return create(arguments, host);
+  host.error << kUsage;
+  if (arguments.empty()) return kNotUnderstood;
+  return fail(host, arguments[0], "unknown verb", kNotUnderstood);
+}
+
+}  // namespace tools
