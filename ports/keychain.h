@@ -20,8 +20,8 @@ inline constexpr OSStatus errSecInteractionNotAllowed = -25308;
 
 // Which generic-password items are meant. An absent attribute matches every value.
 struct KeychainQuery {
-  std::optional<std::string> service;
-  std::optional<std::string> account;
+  std::optional<std::string> service = {};
+  std::optional<std::string> account = {};
   bool returnAttributes = false;
   bool returnData = false;
   bool matchAll = false;  // else at most one item

@@ -27,6 +27,13 @@ base::Result<Dictionary> parsedDictionary(const std::string& contents) {
   return std::move(*dictionary);
 }
 
+// NAME.unreadable, NAME.unreadable-2 and so on: the first that is free.
+std::string freeNameBeside(Files& files, const std::string& path) {
+  std::string name = path + ".unreadable";
+  for (int i = 2; files.fileExists(name); ++i) name = path + ".unreadable-" + std::to_string(i);
+  return name;
+}
+
 }  // namespace
 
 std::optional<base::Result<Dictionary>> Archives::dictionaryAt(const std::string& path) const {
@@ -57,8 +64,8 @@ bool Archives::archiveRootObject(const base::Codable& root, const std::string& p
 
 std::optional<base::KeyedDecoder> Archives::unarchiveObjectWithFile(const std::string& path) {
   if (!files_.fileExists(path)) return std::nullopt;
-  const auto contents = files_.read(path);
-  const auto bytes = std::as_bytes(std::span(contents ? *contents : std::string()));
+  const auto contents = files_.read(path).value_or(std::string());
+  const auto bytes = std::as_bytes(std::span(contents));
   auto root = base::unarchivedRoot(
       std::make_shared<base::MemoryRandomAccess>(std::vector<std::byte>(bytes.begin(), bytes.end())));
   if (root) return std::move(*root);
@@ -72,7 +79,7 @@ bool Archives::replaceFile(const std::string& path, std::string_view contents, b
   const auto beside = path + ".new";
   if (!files_.write(beside, contents)) return false;
   std::error_code error;
-  if (keepsOld) std::filesystem::rename(real, files_.realPath(path + ".unreadable"), error);
+  if (keepsOld) std::filesystem::rename(real, files_.realPath(freeNameBeside(files_, path)), error);
   if (!error) std::filesystem::rename(files_.realPath(beside), real, error);
   if (error) files_.remove(beside);
   return !error;
