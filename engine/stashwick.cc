@@ -38,6 +38,7 @@ std::unique_ptr<ZQStashwick> ZQStashwick::initWithBackupQuery(
 
 ZQStashwick::~ZQStashwick() {
   self_.reset();
+  if (operationQueue_) operationQueue_->cancelAllOperations();
   setDelegate(nullptr);
   if (operationQueue_) operationQueue_->close();
 }
