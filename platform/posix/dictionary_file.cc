@@ -23,9 +23,9 @@ base::Result<std::optional<PropertyList::Dictionary>> readDictionary(const std::
   if (!bytes) return bytes.error();
   if (!*bytes) return std::optional<PropertyList::Dictionary>();
   auto value = base::parsePropertyList(**bytes);
-  if (!value) return base::Error{"not a property list: " + value.error().message};
+  if (!value) return value.error();
   auto* dictionary = value->as<PropertyList::Dictionary>();
-  if (!dictionary) return base::Error{"a property list, but no dictionary"};
+  if (!dictionary) return base::Error{"a property list whose root is no dictionary"};
   return std::optional(std::move(*dictionary));
 }
 

@@ -121,6 +121,9 @@ base::Result<void> replaceFile(const std::string& path, std::span<const std::byt
 
 base::Result<std::string> keepAside(const std::string& path) {
   constexpr int kMaxKept = 10000;
+  struct stat item {};
+  if (::lstat(path.c_str(), &item) == 0 && S_ISDIR(item.st_mode))
+    return base::Error{"a folder is in its place"};
   for (int number = 1; number <= kMaxKept; ++number) {
     const auto aside = path + ".damaged" + (number == 1 ? "" : "-" + std::to_string(number));
     if (::link(path.c_str(), aside.c_str()) == 0) return aside;

@@ -7,11 +7,11 @@ namespace platform::posix {
 
 // The environment variables that say how a user wants texts; an empty one counts as not set.
 struct LocaleVariables {
-  std::string language;  // LANGUAGE, a list: "de:fr"
-  std::string lcAll;
-  std::string lcMessages;
-  std::string lcTime;
-  std::string lang;
+  std::string language = {};  // LANGUAGE, a list: "de:fr"
+  std::string lcAll = {};
+  std::string lcMessages = {};
+  std::string lcTime = {};
+  std::string lang = {};
 
   static LocaleVariables fromEnvironment();
 };

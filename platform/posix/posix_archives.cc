@@ -11,7 +11,7 @@ base::Result<std::optional<base::KeyedDecoder>> unarchive(const std::string& pat
   if (!file) return file.error();
   if (!*file) return std::optional<base::KeyedDecoder>();
   const auto root = base::unarchivedRoot(*file);
-  if (!root) return base::Error{"not a keyed archive: " + root.error().message};
+  if (!root) return root.error();
   return std::optional(*root);
 }
 
