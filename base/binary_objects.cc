@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "base/byte_order.h"
+#include "base/property_list.h"
 #include "base/unicode.h"
 
 namespace base {
@@ -179,7 +180,8 @@ std::optional<std::int64_t> BinaryObjectReader::integer(const BinaryObject& obje
 
 std::optional<std::uint64_t> BinaryObjectReader::uid(const BinaryObject& object) const {
   if (object.kind != BinaryObject::Kind::uid || object.count > 8) return std::nullopt;
-  return number(object.contents, object.count);
+  const auto value = number(object.contents, object.count);
+  return value && *value <= PropertyList::kLargestUID ? value : std::nullopt;
 }
 
 std::optional<double> BinaryObjectReader::real(const BinaryObject& object) const {

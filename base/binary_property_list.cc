@@ -86,7 +86,7 @@ class TreeReader {
 
   Result<PropertyList> uidValue(std::uint64_t index, const BinaryObject& object) {
     const auto uid = objects_.uid(object);
-    if (!uid) return failure(index, "is a UID that does not fit 64 bits");
+    if (!uid) return failure(index, "is a UID that does not fit 32 bits");
     return PropertyList(PropertyList::UID{*uid});
   }
 

@@ -21,6 +21,7 @@ int hexValue(char c) {
 std::optional<std::string> percentDecoded(std::string_view text) {
   std::string decoded;
   decoded.reserve(text.size());
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '%') {
       decoded += text[i];

@@ -29,6 +29,8 @@ class PropertyList {
     std::uint64_t index = 0;
     friend bool operator==(UID, UID) = default;
   };
+  // The platform gives a UID 32 bits.
+  static constexpr std::uint64_t kLargestUID = 0xFFFFFFFF;
 
   PropertyList() : PropertyList(Dictionary{}) {}
   PropertyList(bool value) : value_(value) {}

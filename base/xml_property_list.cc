@@ -394,7 +394,7 @@ class XMLParser {
       }
     }
     const auto* uid = dictionary.size() == 1 ? find<std::int64_t>(dictionary, kUIDKey) : nullptr;
-    if (uid && *uid >= 0)
+    if (uid && *uid >= 0 && static_cast<std::uint64_t>(*uid) <= PropertyList::kLargestUID)
       value = PropertyList::UID{static_cast<std::uint64_t>(*uid)};
     else
       value = std::move(dictionary);

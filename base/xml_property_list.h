@@ -12,8 +12,8 @@ namespace base {
 // with an Error that names the line: anything that is not well-formed, an encoding other than UTF-8, a
 // DOCTYPE with an internal subset, entities beyond the five of XML and character references, unknown
 // elements, integers that do not fit 64 signed bits, nesting deeper than kMaxPropertyListDepth. Of a key
-// given twice the last value counts. A dictionary of the one key "CF$UID" with an integer reads as a
-// PropertyList::UID.
+// given twice the last value counts. A dictionary of the one key "CF$UID" with an integer of 32 bits reads as
+// a PropertyList::UID.
 Result<PropertyList> parseXMLPropertyList(std::string_view text);
 
 // The XML form as the platform's own writer lays it out, ending in a newline. Dates are whole seconds,

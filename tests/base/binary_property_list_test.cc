@@ -159,6 +159,14 @@ TEST(BinaryPropertyList, refusesAnIntegerThatDoesNotFit) {
               HasSubstr("does not fit 64 bits"));
 }
 
+TEST(BinaryPropertyList, refusesAUIDThatDoesNotFit) {
+  EXPECT_EQ(parsed(fileOf({text({0x83, 0xFF, 0xFF, 0xFF, 0xFF})})),
+            PropertyList(PropertyList::UID{0xFFFFFFFF}));
+  EXPECT_EQ(parsed(fileOf({text({0x87, 0, 0, 0, 0, 0, 0, 0, 7})})), PropertyList(PropertyList::UID{7}));
+  EXPECT_THAT(refusal(fileOf({text({0x84, 1, 0, 0, 0, 0})})), HasSubstr("does not fit 32 bits"));
+  EXPECT_THAT(refusal(fileOf({text({0x8F}) + std::string(16, '\0')})), HasSubstr("does not fit 32 bits"));
+}
+
 TEST(BinaryPropertyList, refusesKindsThatItDoesNotHold) {
   EXPECT_THAT(refusal(fileOf({text({0x00})})), HasSubstr("null"));
   EXPECT_THAT(refusal(fileOf({text({0xC0})})), HasSubstr("set"));

@@ -41,6 +41,10 @@ TEST(FileURL, refusesBadPercentEncoding) {
     EXPECT_EQ(FileURL::fromAbsoluteString(text), std::nullopt) << text;
 }
 
+TEST(FileURL, refusesANulByte) {
+  EXPECT_EQ(FileURL::fromAbsoluteString(std::string_view("file:///a\0b", 11)), std::nullopt);
+}
+
 TEST(FileURL, namesItsLastPathComponent) {
   EXPECT_EQ((FileURL{"/Volumes/STICK/a b", true}.lastPathComponent()), "a b");
   EXPECT_EQ((FileURL{"/", true}.lastPathComponent()), "/");

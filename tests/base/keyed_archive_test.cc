@@ -280,6 +280,11 @@ TEST(KeyedDecoder, endsAChainOfBasesThatLoops) {
   EXPECT_EQ(root(bytes).decodeURL("value"), std::nullopt);
 }
 
+TEST(KeyedDecoder, readsNoURLThatHoldsANulByte) {
+  const auto scan = root(corpus("url_with_nul.manifest")).decodeObject("result");
+  EXPECT_EQ(scan->decodeURL("path"), std::nullopt);
+}
+
 TEST(KeyedDecoder, readsOnlyURLsAsURLs) {
   const auto decoded = [](const char* name) {
     return root(archiveOfValue(Dictionary{{"NS.relative", UID{5}}, {"$class", UID{6}}},
