@@ -9,8 +9,11 @@ namespace {
 
 using Kind = BinaryObject::Kind;
 
-// What one question to an archive may cost: keys looked at and bytes of text. An honest archive stays far
-// below a multiple of its size; one whose objects refer to the same large object again and again does not.
+// Looking at one name costs about as much as reading this many bytes of text.
+constexpr std::uint64_t kLookAtAName = 8;
+
+// What one question to an archive may cost, in bytes of text. An honest archive stays far below a multiple of
+// its size; one whose objects refer to the same large object again and again does not.
 class Budget {
  public:
   explicit Budget(std::uint64_t archiveBytes) : left_(16 * archiveBytes + 65536) {}
@@ -72,7 +75,7 @@ class KeyedUnarchiver {
     const auto entries = reader_->object(dictionary);
     if (!entries || entries->kind != Kind::dictionary) return std::nullopt;
     for (std::uint64_t i = 0; i < entries->count; ++i) {
-      if (!budget.spend(1)) return std::nullopt;
+      if (!budget.spend(kLookAtAName)) return std::nullopt;
       const auto name = reader_->reference(*entries, i);
       if (name && isText(*name, key)) return reader_->reference(*entries, entries->count + i);
     }
@@ -169,7 +172,7 @@ class KeyedUnarchiver {
     const auto chain = entry ? member(*entry, "$classes", budget) : std::nullopt;
     const auto classes = chain ? reader_->object(*chain) : std::nullopt;
     if (!classes || classes->kind != Kind::array) return false;
-    for (std::uint64_t i = 0; i < classes->count && budget.spend(1); ++i) {
+    for (std::uint64_t i = 0; i < classes->count && budget.spend(kLookAtAName); ++i) {
       const auto name = reader_->reference(*classes, i);
       if (name && isText(*name, ancestor)) return true;
     }
