@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "image/hfs/attributes.h"
+
 namespace image::hfs {
 namespace {
 
@@ -15,6 +17,7 @@ constexpr std::size_t kFileRecordBytes = 248;
 constexpr std::uint32_t kRootParentID = 1;
 
 constexpr std::uint16_t kThreadExists = 0x0002;
+constexpr std::uint16_t kHasAttributes = 0x0004;
 constexpr std::uint16_t kHasFolderCount = 0x0010;
 constexpr std::uint16_t kHasLinkChain = 0x0020;
 // Finder flags.
@@ -44,6 +47,9 @@ void putDates(const Times& times, base::ByteWriter& out) {
     out.put(volumeDate(time));
   out.put(std::uint32_t{0});  // never backed up
 }
+
+// The platform's own device numbers: 8 bits of major, 24 of minor.
+std::uint32_t volumeDevice(std::uint32_t device) { return deviceMajor(device) << 24 | deviceMinor(device); }
 
 struct Permissions {
   std::uint32_t owner;
@@ -129,10 +135,15 @@ std::uint32_t CatalogRecords::subfolders(NodeIndex folder) const {
   return static_cast<std::uint32_t>(std::ranges::count_if(tree_.childrenInOrder(folder), isFolder));
 }
 
+std::uint16_t CatalogRecords::attributesFlag(NodeIndex node) const {
+  return attributeCount(tree_, node) == 0 ? 0 : kHasAttributes;
+}
+
 void CatalogRecords::putFolder(NodeIndex node, base::ByteWriter& out) const {
   const Node& folder = tree_.nodes()[node];
   const bool counts = tree_.order() == NameOrder::binary;
-  out.put(kFolderRecord).put(counts ? kHasFolderCount : std::uint16_t{0});
+  const auto flags = static_cast<std::uint16_t>((counts ? kHasFolderCount : 0) | attributesFlag(node));
+  out.put(kFolderRecord).put(flags);
   out.put(folder.children).put(tree_.catalogID(node));
   putDates(folder.times, out);
   putPermissions({folder.owner, folder.group, folder.mode, 0}, out);
@@ -144,9 +155,9 @@ void CatalogRecords::putFolder(NodeIndex node, base::ByteWriter& out) const {
 void CatalogRecords::putFile(NodeIndex node, base::ByteWriter& out) const {
   const Node& file = tree_.nodes()[node];
   const bool indirect = tree_.isIndirect(node);
-  std::uint32_t special = file.hasData() ? 0 : file.first;
+  std::uint32_t special = file.isDevice() ? volumeDevice(file.first) : 0;
   std::uint32_t firstLink = 0;
-  std::uint16_t flags = kThreadExists;
+  std::uint16_t flags = kThreadExists | attributesFlag(node);
   if (indirect) {
     const auto& links = tree_.linkGroups()[file.linkGroup].links;
     special = static_cast<std::uint32_t>(links.size());
@@ -167,7 +178,9 @@ void CatalogRecords::putLink(NodeIndex node, base::ByteWriter& out) const {
   const auto self = std::ranges::lower_bound(group.links, node);
   const std::uint32_t previous = self == group.links.begin() ? 0 : tree_.catalogID(self[-1]);
   const std::uint32_t next = self + 1 == group.links.end() ? 0 : tree_.catalogID(self[1]);
-  out.put(kFileRecord).put(static_cast<std::uint16_t>(kThreadExists | kHasLinkChain)).put(std::uint32_t{0});
+  out.put(kFileRecord)
+      .put(static_cast<std::uint16_t>(kThreadExists | kHasLinkChain | attributesFlag(node)))
+      .put(std::uint32_t{0});
   out.put(tree_.catalogID(node));
   putDates(tree_.nodes()[tree_.privateFolder()].times, out);
   putPermissions({previous, next, mode::kRegular | 0444, tree_.catalogID(group.indirect)}, out);

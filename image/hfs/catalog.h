@@ -39,6 +39,7 @@ class CatalogRecords : public RecordSource {
   void putFolder(NodeIndex node, base::ByteWriter& out) const;
   void putFile(NodeIndex node, base::ByteWriter& out) const;
   void putLink(NodeIndex node, base::ByteWriter& out) const;
+  std::uint16_t attributesFlag(NodeIndex node) const;
   std::uint32_t subfolders(NodeIndex folder) const;
 
   const Tree& tree_;

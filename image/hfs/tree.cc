@@ -5,6 +5,8 @@
 #include <numeric>
 #include <set>
 
+#include "base/unicode.h"
+
 namespace image::hfs {
 namespace {
 
@@ -32,6 +34,12 @@ std::u16string percentEscaped(std::string_view bytes) {
     }
   }
   return text;
+}
+
+bool hasFraction(const Times& times) {
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  return (times.created % kNanoseconds | times.modified % kNanoseconds | times.changed % kNanoseconds |
+          times.accessed % kNanoseconds) != 0;
 }
 
 bool areUnique(const std::vector<std::pair<std::u16string, NodeIndex>>& sorted) {
@@ -92,6 +100,34 @@ base::Result<NodeIndex> Tree::addLink(NodeIndex folder, std::string_view name, N
   nodes_[*index].linkGroup = group;
   linkGroups_[group].links.push_back(*index);
   return index;
+}
+
+base::Result<void> Tree::addAttribute(NodeIndex node, std::string_view name,
+                                      std::span<const std::byte> value) {
+  constexpr std::size_t kMaxAttributeNameUnits = 127;
+  if (base::utf16FromUTF8(name).size() > kMaxAttributeNameUnits)
+    return base::Error{"the extended attribute " + std::string(name) + " has too long a name"};
+  attributes_.push_back({node, static_cast<std::uint32_t>(name.size()),
+                         static_cast<std::uint32_t>(value.size()), attributeBytes_.size()});
+  attributeBytes_ += name;
+  attributeBytes_.append(reinterpret_cast<const char*>(value.data()), value.size());
+  return {};
+}
+
+std::span<const KeptAttribute> Tree::attributesOf(NodeIndex node) const {
+  if (attributes_.empty() || isLink(node)) return {};
+  const NodeIndex keeper = isIndirect(node) ? nodes_[node].name : node;
+  const auto range = std::ranges::equal_range(attributes_, keeper, {}, &KeptAttribute::node);
+  return {range.begin(), range.end()};
+}
+
+std::string_view Tree::nameOf(const KeptAttribute& attribute) const {
+  return std::string_view(attributeBytes_).substr(attribute.offset, attribute.nameBytes);
+}
+
+std::span<const std::byte> Tree::valueOf(const KeptAttribute& attribute) const {
+  return std::as_bytes(std::span(attributeBytes_))
+      .subspan(attribute.offset + attribute.nameBytes, attribute.valueBytes);
 }
 
 std::string_view Tree::sourceName(NodeIndex node) const {
@@ -201,6 +237,7 @@ void Tree::separateEqualNames(NodeIndex folder) {
 
 void Tree::finish() {
   addIndirectNodes();
+  hasFractions_ = std::ranges::any_of(nodes_, [](const Node& node) { return hasFraction(node.times); });
   childOrder_.resize(nodes_.size());
   std::iota(childOrder_.begin(), childOrder_.end(), NodeIndex{0});
   nodes_[kRootNode].nameUnits = static_cast<std::uint8_t>(initialName(kRootNode).size());

@@ -41,7 +41,7 @@ struct Item {
   std::uint32_t group = 0;
   // Bytes of a regular file, or of a symbolic link's target; 0 for anything else.
   std::uint64_t size = 0;
-  // Device nodes: major number in the upper 8 bits, minor in the lower 24.
+  // Device nodes: major number in the upper 12 bits, minor in the lower 20.
   std::uint32_t device = 0;
   Times times;
 };
@@ -71,7 +71,21 @@ struct Node {
 
   bool isFolder() const { return (mode & mode::kType) == mode::kFolder; }
   bool isSymbolicLink() const { return (mode & mode::kType) == mode::kSymbolicLink; }
+  bool isDevice() const {
+    return (mode & mode::kType) == mode::kCharacterDevice || (mode & mode::kType) == mode::kBlockDevice;
+  }
   bool hasData() const { return size != 0; }
+};
+
+constexpr std::uint32_t deviceMajor(std::uint32_t device) { return device >> 20; }
+constexpr std::uint32_t deviceMinor(std::uint32_t device) { return device & 0xFFFFF; }
+
+// An extended attribute of a node, by where the tree keeps it.
+struct KeptAttribute {
+  NodeIndex node = 0;
+  std::uint32_t nameBytes = 0;
+  std::uint32_t valueBytes = 0;
+  std::uint64_t offset = 0;
 };
 
 // The links of one hard-linked file, in the order that they were found.
@@ -93,6 +107,9 @@ class Tree {
   // Another name for the file that was added as `existing`.
   base::Result<NodeIndex> addLink(NodeIndex folder, std::string_view name, NodeIndex existing);
 
+  // An extended attribute of the item that was added last; `name` as the volume stores it, in UTF-8.
+  base::Result<void> addAttribute(NodeIndex node, std::string_view name, std::span<const std::byte> value);
+
   // Settles the names, the order of the folders' children and the hard links.
   void finish();
 
@@ -106,6 +123,12 @@ class Tree {
   std::u16string storedNameOf(NodeIndex node) const;
   // Whether the stored name does not lead back to the source's.
   bool isNameAltered(NodeIndex node) const { return altered_.contains(node); }
+  // An indirect node has those of its first link; links have none.
+  std::span<const KeptAttribute> attributesOf(NodeIndex node) const;
+  // Whether any date is not a whole second.
+  bool hasFractions() const { return hasFractions_; }
+  std::string_view nameOf(const KeptAttribute& attribute) const;
+  std::span<const std::byte> valueOf(const KeptAttribute& attribute) const;
   // The children's nodes in the order of their names.
   std::span<const NodeIndex> childrenInOrder(NodeIndex folder) const;
 
@@ -131,6 +154,10 @@ class Tree {
   std::vector<Node> nodes_;
   std::string names_;
   std::vector<LinkGroup> linkGroups_;
+  // By node.
+  std::vector<KeptAttribute> attributes_;
+  std::string attributeBytes_;
+  bool hasFractions_ = false;
   std::unordered_map<NodeIndex, std::u16string> altered_;
   std::vector<NodeIndex> childOrder_;
   std::vector<NodeIndex> rootOrder_;

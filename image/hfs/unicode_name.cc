@@ -66,8 +66,14 @@ std::optional<std::u16string> storedName(std::string_view fileName) {
   return name;
 }
 
-std::string fileName(std::u16string_view storedName) {
-  auto name = base::utf8FromUTF16(storedName);
+std::string composedFileName(std::u16string_view storedName) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::UnicodeString composed(false, storedName.data(), static_cast<std::int32_t>(storedName.size()));
+  if (const auto* composer = icu::Normalizer2::getNFCInstance(status); U_SUCCESS(status))
+    composed = composer->normalize(composed, status);
+  if (U_FAILURE(status))
+    composed.setTo(false, storedName.data(), static_cast<std::int32_t>(storedName.size()));
+  std::string name = base::utf8FromUTF16({composed.getBuffer(), static_cast<std::size_t>(composed.length())});
   exchangeSeparators(name, '/', ':');
   return name;
 }

@@ -16,8 +16,9 @@ enum class NameOrder { caseFolding, binary };
 // exchanged. nullopt when the bytes are not UTF-8 or when nothing of at most 255 units can hold them.
 std::optional<std::u16string> storedName(std::string_view fileName);
 
-// The other way: what a POSIX system calls the file of that stored name. Stays decomposed.
-std::string fileName(std::u16string_view storedName);
+// The other way: what a POSIX system calls the file of that stored name, composed again (NFC) as names on
+// other systems mostly are.
+std::string composedFileName(std::u16string_view storedName);
 
 // Whether a stored name is canonically decomposed in the sense of storedName().
 bool isDecomposed(std::u16string_view name);

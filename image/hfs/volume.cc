@@ -14,6 +14,8 @@ constexpr std::uint32_t kSmallestBlockBytes = 4096;
 constexpr std::uint32_t kFreeBlocks = 64;
 constexpr BTreeShape kExtentsShape{.nodeBytes = 4096, .maxKeyLength = 10, .attributes = 2};
 
+constexpr BTreeShape kAttributesShape{.nodeBytes = 8192, .maxKeyLength = 266, .attributes = 6};
+
 BTreeShape catalogShape(NameOrder order) {
   return {.nodeBytes = 8192,
           .maxKeyLength = 516,
@@ -39,6 +41,8 @@ Volume::Volume(Tree& tree, const ForkSource& forks, const VolumeOptions& options
       blockBytes_(blockBytes),
       catalogRecords_(tree, blockBytes),
       catalog_(catalogRecords_, catalogShape(tree.order())),
+      attributeRecords_(tree, blockBytes),
+      attributes_(attributeRecords_, kAttributesShape),
       extents_(noRecords_, kExtentsShape) {}
 
 base::Result<std::unique_ptr<Volume>> Volume::lay(Tree& tree, const ForkSource& forks,
@@ -66,6 +70,8 @@ base::Result<void> Volume::placeEverything(Tree& tree) {
   const auto count = [&](std::uint64_t bytes) { blocks += (bytes + blockBytes_ - 1) / blockBytes_; };
   count(extents_.size());
   count(catalog_.size());
+  count(attributes_.size());
+  for (const auto& value : attributeRecords_.longValues()) count(value.size);
   for (const Node& node : tree.nodes()) count(node.size);
   std::uint64_t mapBlocks = 1;
   while (mapBlocks * blockBytes_ * 8 < blocks + mapBlocks) ++mapBlocks;
@@ -78,6 +84,9 @@ base::Result<void> Volume::placeEverything(Tree& tree) {
   allocationFork_ = placeFork(mapBlocks * blockBytes_);
   extentsFork_ = placeFork(extents_.size());
   catalogFork_ = placeFork(catalog_.size());
+  attributesFork_ = placeFork(attributes_.size());
+  for (auto& value : attributeRecords_.longValues()) value.firstBlock = placeFork(value.size).firstBlock;
+  firstDataBlock_ = nextBlock_;
   for (NodeIndex node = 0; node < tree.nodes().size(); ++node) {
     if (!tree.nodes()[node].hasData()) continue;
     tree.place(node, placeFork(tree.nodes()[node].size).firstBlock);
@@ -105,7 +114,8 @@ std::array<std::byte, 512> Volume::makeHeader() const {
   putFork(allocationFork_, static_cast<std::uint32_t>(allocationFork_.size), out);
   putFork(extentsFork_, extents_.nodeBytes(), out);
   putFork(catalogFork_, catalog_.nodeBytes(), out);
-  out.zeros(2 * 80);
+  putFork(attributesFork_, attributes_.nodeBytes(), out);
+  out.zeros(80);  // no startup file
   std::array<std::byte, 512> header{};
   std::ranges::copy(bytes, header.begin());
   return header;
@@ -117,7 +127,7 @@ class Volume::Reader : public block::ContentReader {
       : volume_(volume), header_(volume.makeHeader()), forks_(volume.forks_.openReader()) {}
 
   base::Result<block::Filled> read(std::uint64_t offset, std::span<std::byte> into) override {
-    const std::uint64_t dataBegin = offsetOf(volume_.catalogFork_.firstBlock + volume_.catalogFork_.blocks);
+    const std::uint64_t dataBegin = offsetOf(volume_.firstDataBlock_);
     const std::uint64_t dataEnd = volume_.nextBlock_ * volume_.blockBytes_;
     if (offset >= dataBegin && offset + into.size() <= dataEnd) return readData(offset, into);
     block::fillZeros(into);
@@ -139,6 +149,18 @@ class Volume::Reader : public block::ContentReader {
     fillAllocation(offset, into);
     fillTree(volume_.extents_, volume_.extentsFork_, offset, into);
     fillTree(volume_.catalog_, volume_.catalogFork_, offset, into);
+    fillTree(volume_.attributes_, volume_.attributesFork_, offset, into);
+    fillLongValues(offset, into);
+  }
+
+  void fillLongValues(std::uint64_t offset, std::span<std::byte> into) {
+    for (const auto& value : volume_.attributeRecords_.longValues()) {
+      const std::uint64_t begin = offsetOf(value.firstBlock);
+      const std::uint64_t from = std::max(offset, begin);
+      const std::uint64_t to = std::min(offset + into.size(), begin + value.size);
+      if (from < to)
+        volume_.attributeRecords_.readValue(value.at, from - begin, into.subspan(from - offset, to - from));
+    }
   }
 
   // All blocks up to the free ones are used, and the last one, which holds the alternate header.

@@ -7,6 +7,7 @@
 
 #include "base/result.h"
 #include "image/block/content.h"
+#include "image/hfs/attributes.h"
 #include "image/hfs/btree.h"
 #include "image/hfs/catalog.h"
 #include "image/hfs/tree.h"
@@ -36,8 +37,8 @@ struct VolumeOptions {
 };
 
 // A complete HFS+ (or HFSX) volume made of a tree, laid out without fragments: volume header, allocation
-// file, extents overflow file, catalog file, the files' data in the order of the tree, a little free space,
-// alternate volume header (TN1150).
+// file, extents overflow file, catalog file, attributes file with its long values, the files' data in the
+// order of the tree, a little free space, alternate volume header (TN1150).
 class Volume : public block::Content {
  public:
   // Places the files of the finished tree. Tree and forks outlive the volume.
@@ -67,6 +68,8 @@ class Volume : public block::Content {
   std::uint32_t blockBytes_;
   CatalogRecords catalogRecords_;
   BTreeFile catalog_;
+  AttributeRecords attributeRecords_;
+  BTreeFile attributes_;
   NoRecords noRecords_;
   BTreeFile extents_;
   std::uint64_t nextBlock_ = 0;
@@ -74,6 +77,9 @@ class Volume : public block::Content {
   Fork allocationFork_;
   Fork extentsFork_;
   Fork catalogFork_;
+  Fork attributesFork_;
+  // Blocks from here to nextBlock_ are the files' data.
+  std::uint64_t firstDataBlock_ = 0;
   // Nodes with data, by their first block.
   std::vector<NodeIndex> dataNodes_;
   std::uint32_t fileCount_ = 0;

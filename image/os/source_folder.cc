@@ -41,7 +41,7 @@ hfs::Item itemOf(std::string_view name, const struct statx& status) {
           .owner = status.stx_uid,
           .group = status.stx_gid,
           .size = S_ISREG(status.stx_mode) ? status.stx_size : 0,
-          .device = status.stx_rdev_major << 24 | (status.stx_rdev_minor & 0xFFFFFF),
+          .device = status.stx_rdev_major << 20 | status.stx_rdev_minor,
           .times = timesOf(status)};
 }
 
