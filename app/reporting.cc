@@ -14,6 +14,9 @@ std::vector<std::shared_ptr<ZQRemovableDevice>> ZQAgentAppDelegate::matchingDevi
 }
 
 void ZQAgentAppDelegate::unclaimMatchingDevices(const ZQStashwick& engine) {
+  // The begin call comes by the main queue, which a question may hold up: were it to come after this, the
+  // volume would stay claimed for good.
+  host_.mainQueue.performAndWait([] {});
   for (const auto& device : matchingDevices(engine)) device->unclaim();
 }
 
