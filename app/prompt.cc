@@ -1,7 +1,9 @@
 // The question about a volume, the automatic-backup list, and the start of a backup.
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 #include "app/agent_app_delegate.h"
@@ -18,7 +20,8 @@ std::string volumePath(const ZQRemovableDevice& device) {
   return base::stringWithFormat("/Volumes/%@", {device.name()});
 }
 
-// A property-list value as the platform reads whole numbers from it: texts count by their leading digits.
+// A property-list value as the platform reads whole numbers from it: texts count by their leading number,
+// blanks before it and a sign allowed.
 std::int64_t integerValue(const base::PropertyList& value) {
   if (const auto* integer = value.as<std::int64_t>()) return *integer;
   if (const auto* boolean = value.as<bool>()) return *boolean ? 1 : 0;
@@ -26,7 +29,10 @@ std::int64_t integerValue(const base::PropertyList& value) {
     return std::abs(*real) < 0x1p62 ? static_cast<std::int64_t>(*real) : 0;
   std::int64_t parsed = 0;
   if (const auto* text = value.as<std::string>()) {
-    std::from_chars(text->data(), text->data() + text->size(), parsed);
+    std::string_view number = *text;
+    number.remove_prefix(std::min(number.find_first_not_of(" \t\n\v\f\r"), number.size()));
+    if (number.starts_with('+') && !number.starts_with("+-")) number.remove_prefix(1);
+    std::from_chars(number.data(), number.data() + number.size(), parsed);
   }
   return parsed;
 }
