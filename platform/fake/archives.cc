@@ -75,10 +75,10 @@ std::optional<base::KeyedDecoder> Archives::unarchiveObjectWithFile(const std::s
 
 bool Archives::replaceFile(const std::string& path, std::string_view contents, bool keepsOld) {
   const auto real = files_.realPath(path);
-  if (!std::filesystem::is_directory(real.parent_path())) return false;
+  std::error_code error;
+  if (!std::filesystem::is_directory(real.parent_path(), error)) return false;
   const auto beside = path + ".new";
   if (!files_.write(beside, contents)) return false;
-  std::error_code error;
   if (keepsOld) std::filesystem::rename(real, files_.realPath(freeNameBeside(files_, path)), error);
   if (!error) std::filesystem::rename(files_.realPath(beside), real, error);
   if (error) files_.remove(beside);

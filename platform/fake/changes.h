@@ -29,7 +29,10 @@ class Changes {
   // Returns once the count is another than `seen`; false when the deadline passed before.
   bool waitForMoreThan(std::uint64_t seen, Deadline deadline) const {
     const base::MutexLock lock(mutex_);
-    return changed_.wait_until(mutex_, deadline, [&] { return count_ != seen; });
+    while (count_ == seen) {
+      if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return count_ != seen;
+    }
+    return true;
   }
 
  private:

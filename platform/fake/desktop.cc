@@ -36,17 +36,17 @@ class Desktop::StatusItem : public ports::StatusItem {
   StatusItem(Desktop& desktop, std::shared_ptr<StatusItemState> state)
       : desktop_(desktop), state_(std::move(state)) {}
   ~StatusItem() override {
-    desktop_.note([&] { std::erase(desktop_.statusItems_, state_); });
+    desktop_.change([&](State& now) { std::erase(now.statusItems, state_); });
   }
 
   void setImage(const std::string& resourceName) override {
-    desktop_.note([&] { state_->image = resourceName; });
+    desktop_.change([&](State&) { state_->image = resourceName; });
   }
   void setHighlightMode(bool highlights) override {
-    desktop_.note([&] { state_->highlights = highlights; });
+    desktop_.change([&](State&) { state_->highlights = highlights; });
   }
   void setMenu(MenuRef menu) override {
-    desktop_.note([&] { state_->menu.swap(menu); });
+    desktop_.change([&](State&) { state_->menu.swap(menu); });
   }
 
  private:
@@ -57,28 +57,28 @@ class Desktop::StatusItem : public ports::StatusItem {
 std::unique_ptr<ports::StatusItem> Desktop::createStatusItem(double length) {
   auto state = std::make_shared<StatusItemState>();
   state->length = length;
-  note([&] { statusItems_.push_back(state); });
+  change([&](State& now) { now.statusItems.push_back(state); });
   return std::make_unique<StatusItem>(*this, std::move(state));
 }
 
 void Desktop::setMenuResponder(ports::MenuResponder* responder) {
-  note([&] { responder_ = responder; });
+  change([&](State& now) { now.responder = responder; });
 }
 
 void Desktop::activateIgnoringOtherApps() {
-  note([&] { ++activations_; });
+  change([&](State& now) { ++now.activations; });
 }
 
 void Desktop::playSound(const std::string& resourceName) {
-  note([&] { sounds_.push_back(resourceName); });
+  change([&](State& now) { now.sounds.push_back(resourceName); });
 }
 
 void Desktop::launchApplication(const std::string& name) {
-  note([&] { launched_.push_back(name); });
+  change([&](State& now) { now.launched.push_back(name); });
 }
 
 ports::AlertAnswer Desktop::runModal(const ports::Alert& alert) {
-  note([&] { alerts_.push_back({alert, mainQueue_.isMainThread()}); });
+  change([&](State& now) { now.alerts.push_back({alert, mainQueue_.isMainThread()}); });
   beOpen();
   if (const auto answer = answerTo(alert)) return *answer;
   fail_("an alert that the test does not answer: " + description(alert));
@@ -87,8 +87,8 @@ ports::AlertAnswer Desktop::runModal(const ports::Alert& alert) {
 
 void Desktop::runCriticalAlertPanel(const std::string& title, const std::string& messageFormat,
                                     const std::string& defaultButton) {
-  note([&] {
-    panels_.push_back(
+  change([&](State& now) {
+    now.panels.push_back(
         {title, base::stringWithFormatOnly(messageFormat), defaultButton, mainQueue_.isMainThread()});
   });
   beOpen();
@@ -100,8 +100,8 @@ std::shared_ptr<const ports::Image> Desktop::iconForFile(const std::string& path
 
 std::optional<StatusItemState> Desktop::statusItem() const {
   const base::MutexLock lock(mutex_);
-  if (statusItems_.empty()) return std::nullopt;
-  return *statusItems_.back();
+  if (state_.statusItems.empty()) return std::nullopt;
+  return *state_.statusItems.back();
 }
 
 std::vector<std::string> Desktop::menuLines() const {
@@ -140,7 +140,7 @@ bool Desktop::isEnabled(const ports::MenuItem& item) const {
 
 ports::MenuResponder* Desktop::responder() const {
   const base::MutexLock lock(mutex_);
-  return responder_;
+  return state_.responder;
 }
 
 void Desktop::click(const std::string& title, std::size_t index) {
@@ -151,30 +151,30 @@ void Desktop::click(const std::string& title, std::size_t index) {
   }
   const auto chosen = found[index];
   if (chosen->target == ports::MenuItem::Target::application)
-    return note([&] { terminateRequested_ = true; });
+    return change([&](State& now) { now.terminateRequested = true; });
   responder()->performMenuAction(chosen->action, *chosen);
 }
 
 void Desktop::answerAlertsWith(std::function<ports::AlertAnswer(const ports::Alert&)> answer) {
-  note([&] { answer_.swap(answer); });
+  change([&](State& now) { now.answer.swap(answer); });
 }
 
 void Desktop::answerNextAlert(const std::string& button, bool suppressed) {
-  note([&] { nextAnswers_.push_back({button, suppressed}); });
+  change([&](State& now) { now.nextAnswers.push_back({button, suppressed}); });
 }
 
 void Desktop::whileAlertIsOpen(std::function<void()> act) {
-  note([&] { whileOpen_.swap(act); });
+  change([&](State& now) { now.whileOpen.swap(act); });
 }
 
 void Desktop::close() {
-  note([&] { closed_ = true; });
+  change([&](State& now) { now.closed = true; });
 }
 
-void Desktop::note(const std::function<void()>& change) {
+void Desktop::change(const std::function<void(State&)>& edit) {
   {
     const base::MutexLock lock(mutex_);
-    change();
+    edit(state_);
   }
   changes_.note();
 }
@@ -185,7 +185,7 @@ void Desktop::beOpen() {
   std::function<void()> act;
   {
     const base::MutexLock lock(mutex_);
-    act = whileOpen_;
+    act = state_.whileOpen;
   }
   if (act) act();
 }
@@ -195,11 +195,11 @@ std::optional<ports::AlertAnswer> Desktop::answerTo(const ports::Alert& alert) {
   std::function<ports::AlertAnswer(const ports::Alert&)> answer;
   {
     const base::MutexLock lock(mutex_);
-    if (closed_) return ports::AlertAnswer{.returnCode = 0};
-    answer = answer_;
-    if (!nextAnswers_.empty()) {
-      next = std::move(nextAnswers_.front());
-      nextAnswers_.pop_front();
+    if (state_.closed) return ports::AlertAnswer{.returnCode = 0};
+    answer = state_.answer;
+    if (!state_.nextAnswers.empty()) {
+      next = std::move(state_.nextAnswers.front());
+      state_.nextAnswers.pop_front();
     }
   }
   if (!next) return answer ? std::optional(answer(alert)) : std::nullopt;
@@ -211,32 +211,32 @@ std::optional<ports::AlertAnswer> Desktop::answerTo(const ports::Alert& alert) {
 
 std::vector<ShownAlert> Desktop::alerts() const {
   const base::MutexLock lock(mutex_);
-  return alerts_;
+  return state_.alerts;
 }
 
 std::vector<ShownPanel> Desktop::panels() const {
   const base::MutexLock lock(mutex_);
-  return panels_;
+  return state_.panels;
 }
 
 std::vector<std::string> Desktop::soundsPlayed() const {
   const base::MutexLock lock(mutex_);
-  return sounds_;
+  return state_.sounds;
 }
 
 std::vector<std::string> Desktop::launchedApplications() const {
   const base::MutexLock lock(mutex_);
-  return launched_;
+  return state_.launched;
 }
 
 int Desktop::activations() const {
   const base::MutexLock lock(mutex_);
-  return activations_;
+  return state_.activations;
 }
 
 bool Desktop::terminateRequested() const {
   const base::MutexLock lock(mutex_);
-  return terminateRequested_;
+  return state_.terminateRequested;
 }
 
 }  // namespace platform::fake

@@ -91,7 +91,26 @@ class Desktop : public ports::Desktop {
  private:
   class StatusItem;
 
-  void note(const std::function<void()>& change);
+  struct NextAnswer {
+    std::string button;
+    bool suppressed;
+  };
+  struct State {
+    std::vector<std::shared_ptr<StatusItemState>> statusItems;
+    ports::MenuResponder* responder = nullptr;
+    std::deque<NextAnswer> nextAnswers;
+    std::function<ports::AlertAnswer(const ports::Alert&)> answer;
+    std::function<void()> whileOpen;
+    std::vector<ShownAlert> alerts;
+    std::vector<ShownPanel> panels;
+    std::vector<std::string> sounds;
+    std::vector<std::string> launched;
+    int activations = 0;
+    bool terminateRequested = false;
+    bool closed = false;
+  };
+
+  void change(const std::function<void(State&)>& edit);
   void beOpen();
   ports::MenuResponder* responder() const;
   std::optional<ports::AlertAnswer> answerTo(const ports::Alert& alert);
@@ -102,22 +121,7 @@ class Desktop : public ports::Desktop {
   Changes& changes_;
   Failure& fail_;
   mutable base::Mutex mutex_;
-  std::vector<std::shared_ptr<StatusItemState>> statusItems_ GUARDED_BY(mutex_);
-  ports::MenuResponder* responder_ GUARDED_BY(mutex_) = nullptr;
-  struct NextAnswer {
-    std::string button;
-    bool suppressed;
-  };
-  std::deque<NextAnswer> nextAnswers_ GUARDED_BY(mutex_);
-  std::function<ports::AlertAnswer(const ports::Alert&)> answer_ GUARDED_BY(mutex_);
-  std::function<void()> whileOpen_ GUARDED_BY(mutex_);
-  std::vector<ShownAlert> alerts_ GUARDED_BY(mutex_);
-  std::vector<ShownPanel> panels_ GUARDED_BY(mutex_);
-  std::vector<std::string> sounds_ GUARDED_BY(mutex_);
-  std::vector<std::string> launched_ GUARDED_BY(mutex_);
-  int activations_ GUARDED_BY(mutex_) = 0;
-  bool terminateRequested_ GUARDED_BY(mutex_) = false;
-  bool closed_ GUARDED_BY(mutex_) = false;
+  State state_ GUARDED_BY(mutex_);
 };
 
 }  // namespace platform::fake

@@ -60,7 +60,9 @@ std::vector<std::string> namesIn(const fs::path& folder) {
 }  // namespace
 
 Files::Files(Clock& clock, Failure& fail) : clock_(clock), fail_(fail), root_(makeTemporaryFolder(fail)) {
-  createDirectory("/Volumes");
+  std::error_code error;
+  fs::create_directory(root_ / "Volumes", error);
+  if (error) fail("the folder of the world's volumes cannot be made: " + error.message());
 }
 
 Files::~Files() {
@@ -194,9 +196,11 @@ void Files::holdEnumerationAt(const std::string& path) {
 }
 
 void Files::waitUntilEnumerationIsHeld() {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   const base::MutexLock lock(mutex_);
-  if (!holdChanged_.wait_for(mutex_, kPatience, [&] { return held_; })) {
-    fail_("no enumeration came to where it would be held");
+  while (!held_) {
+    if (holdChanged_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) continue;
+    return fail_("no enumeration came to where it would be held");
   }
 }
 
@@ -208,12 +212,14 @@ void Files::releaseEnumeration() {
 }
 
 void Files::waitWhileHeld(const std::string& path) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   const base::MutexLock lock(mutex_);
   if (holdAt_ != path) return;
   held_ = true;
   holdChanged_.notify_all();
-  if (!holdChanged_.wait_for(mutex_, kPatience, [&] { return holdAt_ != path; })) {
-    fail_("the enumeration that is held at " + path + " was never released");
+  while (holdAt_ == path) {
+    if (holdChanged_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) continue;
+    return fail_("the enumeration that is held at " + path + " was never released");
   }
 }
 

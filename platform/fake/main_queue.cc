@@ -71,7 +71,7 @@ bool MainQueue::performAndWait(const std::function<void()>& closure) {
   const auto outcome = std::make_shared<AwaitedClosure::Outcome>();
   post([awaited = std::make_shared<AwaitedClosure>(closure, outcome)] { awaited->run(); });
   const base::MutexLock lock(outcome->mutex);
-  outcome->known.wait(outcome->mutex, [&] { return outcome->ran.has_value(); });
+  while (!outcome->ran) outcome->known.wait(outcome->mutex);
   return *outcome->ran;
 }
 

@@ -69,8 +69,9 @@ std::string shell(const RecordedRun& run) {
 
 std::string echo(const RecordedRun& run) {
   std::string line;
-  for (const auto& argument : run.arguments) line += (&argument == &run.arguments[0] ? "" : " ") + argument;
-  return line + "\n";
+  for (const auto& argument : run.arguments) line += argument + " ";
+  line.back() = '\n';
+  return line;
 }
 
 struct FakeToolRuns : InFakeWorld {

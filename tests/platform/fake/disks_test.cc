@@ -64,6 +64,14 @@ TEST_F(FakeDisks, haveAVolumeWhilePlugged) {
   EXPECT_FALSE(world.disks.isPresent(disk));
 }
 
+TEST_F(FakeDisks, arePulledOneByOne) {
+  const auto first = world.disks.plugUSB("FIRST");
+  const auto second = world.disks.plugUSB("SECOND");
+  world.disks.pull(second);
+  EXPECT_TRUE(world.disks.isPresent(first));
+  EXPECT_FALSE(world.disks.isPresent(second));
+}
+
 TEST_F(FakeDisks, keepTheirContentsAndFreeSizeThroughUnmountMountAndRename) {
   const auto disk = world.disks.plugUSB("STICK");
   world.files.write("/Volumes/STICK/file", "text");

@@ -13,13 +13,12 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 struct FakeWorld : testing::Test {
   void collectFailures() {
     world.failure.handleWith([this](const std::string& message) { failures.push_back(message); });
   }
-  double secondsPassed() {
+  double secondsPassed() const {
     return world.clock.now().secondsSinceReferenceDate - Clock::kStart.secondsSinceReferenceDate;
   }
 
