@@ -1,6 +1,7 @@
 #include "image/create.h"
 
 #include <array>
+#include <future>
 
 #include "base/byte_order.h"
 #include "image/block/partitioned_disk.h"
@@ -8,6 +9,7 @@
 #include "image/os/host.h"
 #include "image/os/new_file.h"
 #include "image/os/source_folder.h"
+#include "image/udif/encrypted_output.h"
 
 namespace image {
 namespace {
@@ -26,6 +28,9 @@ std::uint64_t randomIdentifier() {
   os::fillRandom(bytes);
   return base::loadBigEndian<std::uint64_t>(bytes.data());
 }
+
+// What trying one password costs whoever has the image, and its owner once.
+constexpr double kUnlockSeconds = 0.5;
 
 class Creation {
  public:
@@ -47,7 +52,7 @@ class Creation {
     CreateReport report{.files = (*volume)->fileCount(),
                         .folders = (*volume)->folderCount(),
                         .mountPoints = std::move(scan->mountPoints)};
-    auto written = write(**volume, **file);
+    auto written = request_.encryption ? writeEncrypted(**volume, **file) : write(**volume, **file);
     if (!written) return written.error();
     report.imageBytes = *written;
     tell("syncing " + request_.image);
@@ -72,6 +77,25 @@ class Creation {
                              .segmentID = randomGUID(),
                              .cancelled = request_.cancelled,
                              .progress = request_.progress});
+  }
+
+  // The password's key is derived while the data is written: both take their time.
+  base::Result<std::uint64_t> writeEncrypted(const hfs::Volume& volume, block::Output& output) const {
+    const Encryption& encryption = *request_.encryption;
+    const auto keys = crypt::ContainerKeys::random(encryption.method, os::fillRandom);
+    auto wrapping = std::async(std::launch::async, [&] {
+      return crypt::ContainerHeader::wrap(keys, encryption.password, crypt::iterationsFor(kUnlockSeconds),
+                                          os::fillRandom);
+    });
+    udif::EncryptedOutput encrypted(keys, output);
+    const auto written = write(volume, encrypted);
+    const auto keyEntry = wrapping.get();
+    if (!written) return written;
+    auto head =
+        crypt::ContainerHeader{.method = encryption.method, .dataBytes = *written, .keyEntry = keyEntry}
+            .encode(randomGUID());
+    if (auto put = output.write(0, head); !put) return put.error();
+    return head.size() + *written;
   }
 
   const CreateRequest& request_;

@@ -3,16 +3,24 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/result.h"
+#include "base/secret.h"
+#include "image/crypt/container.h"
 #include "image/udif/writer.h"
 
 namespace image {
 
 enum class Format { zlib, raw };
+
+struct Encryption {
+  crypt::Method method = crypt::Method::aes256;
+  base::Secret password;
+};
 
 struct CreateRequest {
   // Folder whose contents go into the image.
@@ -21,6 +29,7 @@ struct CreateRequest {
   // The new file; nothing may exist there.
   std::string image;
   Format format = Format::zlib;
+  std::optional<Encryption> encryption{};
   // 0: one for each processor.
   unsigned workers = 0;
   // Set at any time from any thread or signal handler; the call then ends soon with an Error.

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <csignal>
 #include <iostream>
+#include <sys/prctl.h>
 
 #include "image/os/host.h"
 
@@ -28,6 +29,8 @@ void watchSignals() {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // A crash must not leave a password or key in a core file.
+  ::prctl(PR_SET_DUMPABLE, 0);
   watchSignals();
   return tools::hdiutil({arguments + 1, arguments + count},
                         {.out = std::cout,

@@ -14,8 +14,8 @@ constexpr int kFailed = 1;
 constexpr int kNotUnderstood = 64;
 
 constexpr std::string_view kUsage =
-    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO] [-plist] [-verbose] "
-    "IMAGE\n";
+    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
+    "                      [-encryption AES-128|AES-256 -stdinpass] [-plist] [-verbose] IMAGE\n";
 
 int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason, int status = kFailed) {
   host.error << "hdiutil: " << verb << " failed - " << reason << "\n";
@@ -37,8 +37,6 @@ base::Result<image::CreateRequest> createRequest(const Arguments& arguments) {
     return base::Error{"unknown file system " + *arguments.value("-fs")};
   const std::string format = arguments.value("-format").value_or("UDZO");
   if (format != "UDZO" && format != "UDRO") return base::Error{"unknown format " + format};
-  if (const auto method = arguments.value("-encryption"))
-    return base::Error{"unknown encryption method \"" + *method + "\""};
   return image::CreateRequest{.source = *source,
                               .volumeName = arguments.value("-volname").value_or(lastComponent(*source)),
                               .image = arguments.operands()[0],
@@ -52,6 +50,20 @@ void reportCreated(const std::string& path, bool asPropertyList, std::ostream& o
     out << "created: " << path << "\n";
 }
 
+// Encryption without a password on standard input is refused: nobody could be asked for one.
+base::Result<std::optional<image::Encryption>> readEncryption(const Arguments& arguments,
+                                                              const HdiutilHost& host) {
+  const auto name = arguments.value("-encryption");
+  if (!name) return std::optional<image::Encryption>();
+  const auto method = image::crypt::methodNamed(*name);
+  if (!method) return base::Error{"unknown encryption method \"" + *name + "\""};
+  if (!arguments.has("-stdinpass")) return base::Error{"-encryption needs -stdinpass"};
+  auto password = host.readPassword();
+  if (!password) return password.error();
+  if (password->empty()) return base::Error{"the password on standard input is empty"};
+  return std::optional(image::Encryption{*method, std::move(*password)});
+}
+
 int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   const auto arguments =
       Arguments::parse(given, 1,
@@ -63,6 +75,9 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
     host.error << kUsage;
     return fail(host, "create", request.error().message, kNotUnderstood);
   }
+  auto encryption = readEncryption(*arguments, host);
+  if (!encryption) return fail(host, "create", encryption.error().message, kNotUnderstood);
+  request->encryption = std::move(*encryption);
   request->cancelled = &host.cancelled;
   if (arguments->has("-verbose"))
     request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };

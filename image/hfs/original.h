@@ -23,7 +23,6 @@ struct Original {
   std::optional<std::uint32_t> device{};
 
   bool empty() const { return !name && !times && !device; }
-  friend bool operator==(const Original&, const Original&) = default;
 };
 
 // Fields, each as a 32-bit tag, a 32-bit length and that many bytes, big-endian: 1 name; 2 the dates created,

@@ -38,7 +38,7 @@ struct Run {
 // One `mish` table: a region of the disk.
 struct BlockTable {
   // As it stands in the property list; not part of the table's bytes.
-  std::string name;
+  std::string name{};
   std::uint32_t descriptor = 0;
   std::uint64_t firstSector = 0;
   std::uint64_t sectorCount = 0;
@@ -46,7 +46,7 @@ struct BlockTable {
   // What a reader must hold of the largest run, in sectors.
   std::uint32_t buffersNeeded = 0;
   // CRC32 of the region's bytes; nullopt when the table has none.
-  std::optional<std::uint32_t> checksum;
+  std::optional<std::uint32_t> checksum{};
   std::vector<Run> runs{};
 };
 

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+#include <random>
+#include <string_view>
+#include <vector>
+
+#include "image/codec/checksum.h"
+#include "image/codec/zlib_codec.h"
+
+namespace image::codec {
+namespace {
+
+std::vector<std::byte> noise(std::size_t count, unsigned seed = 1) {
+  std::mt19937 random(seed);
+  std::vector<std::byte> bytes(count);
+  for (auto& b : bytes) b = static_cast<std::byte>(random());
+  return bytes;
+}
+
+std::vector<std::byte> text(std::size_t count) {
+  constexpr std::string_view kWords = "the quick brown fox jumps over the lazy dog 0123456789\n";
+  std::vector<std::byte> bytes(count);
+  for (std::size_t i = 0; i < count; ++i)
+    bytes[i] = static_cast<std::byte>(kWords[(i * i / 7 + i) % kWords.size()]);
+  return bytes;
+}
+
+TEST(CRC32, isTheOneOfZlib) {
+  constexpr std::string_view kDigits = "123456789";
+  EXPECT_EQ(CRC32::of(std::as_bytes(std::span(kDigits))).value(), 0xCBF43926);
+}
+
+TEST(CRC32, ofZerosNeedsNoZeros) {
+  for (const std::size_t count : {0, 1, 511, 512, 1 << 20})
+    EXPECT_EQ(CRC32::ofZeros(count).value(), CRC32::of(std::vector<std::byte>(count)).value());
+}
+
+TEST(CRC32, appendIsTheSumOfBoth) {
+  const auto bytes = noise(10'000);
+  for (const std::size_t cut : {0, 1, 4096, 10'000}) {
+    CRC32 sum = CRC32::of(std::span(bytes).first(cut));
+    sum.append(CRC32::of(std::span(bytes).subspan(cut)));
+    EXPECT_EQ(sum.value(), CRC32::of(bytes).value());
+    EXPECT_EQ(sum.count(), bytes.size());
+  }
+}
+
+class ZlibCodec : public testing::TestWithParam<Effort> {};
+
+TEST_P(ZlibCodec, givesBackWhatItMadeSmaller) {
+  ZlibCompressor compressor(GetParam());
+  ZlibDecompressor decompressor;
+  for (const std::size_t count : {512, 65'536, 1 << 20}) {
+    const auto bytes = text(count);
+    std::vector<std::byte> small(count);
+    const auto size = compressor.compress(bytes, small);
+    ASSERT_GT(size, 0u);
+    ASSERT_LT(size, count / 2 + 100);
+    std::vector<std::byte> back(count);
+    ASSERT_TRUE(decompressor.decompress(std::span(small).first(size), back));
+    EXPECT_EQ(back, bytes);
+  }
+}
+
+TEST_P(ZlibCodec, saysWhenTheRoomDoesNotDo) {
+  ZlibCompressor compressor(GetParam());
+  const auto bytes = noise(1 << 16);
+  std::vector<std::byte> room(bytes.size() - 1);
+  EXPECT_EQ(compressor.compress(bytes, room), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Efforts, ZlibCodec, testing::Values(Effort::fast, Effort::small));
+
+TEST(ZlibDecompressor, refusesDamagedShortAndLongStreams) {
+  ZlibCompressor compressor(Effort::fast);
+  ZlibDecompressor decompressor;
+  const auto bytes = text(4096);
+  std::vector<std::byte> small(4096);
+  small.resize(compressor.compress(bytes, small));
+  std::vector<std::byte> back(4096);
+  auto damaged = small;
+  damaged[damaged.size() - 1] ^= std::byte{1};
+  EXPECT_FALSE(decompressor.decompress(damaged, back));
+  EXPECT_FALSE(decompressor.decompress(std::span(small).first(small.size() - 1), back));
+  std::vector<std::byte> larger(4097);
+  EXPECT_FALSE(decompressor.decompress(small, larger));
+  auto followed = small;
+  followed.push_back(std::byte{0});
+  EXPECT_FALSE(decompressor.decompress(followed, back));
+}
+
+TEST(LooksCompressible, tellsTextFromNoise) {
+  EXPECT_TRUE(looksCompressible(text(1 << 20)));
+  EXPECT_FALSE(looksCompressible(noise(1 << 20)));
+}
+
+TEST(LooksCompressible, givesHalfNoiseAChance) {
+  auto bytes = noise(1 << 20);
+  std::fill(bytes.begin(), bytes.begin() + (1 << 19), std::byte{'x'});
+  EXPECT_TRUE(looksCompressible(bytes));
+}
+
+}  // namespace
+}  // namespace image::codec
