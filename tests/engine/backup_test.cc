@@ -124,6 +124,14 @@ TEST_F(BackupPassword, missingMakesTheBackupUnencryptedEvenWithAnEncryptionName)
   EXPECT_THAT(listener->names(), ::testing::Contains("finish"));
 }
 
+TEST_F(BackupPassword, thatIsEmptyCountsAsMissing) {
+  storePassword(world, "");
+  world.defaults.set("AES-256", kEncryptionKey);
+  backUp();
+  EXPECT_FALSE(world.tools.runs().at(0).hasArgument("-encryption"));
+  EXPECT_EQ(world.tools.pipes().at(0).bytes, "(null)\0\n"s);
+}
+
 TEST_F(BackupPassword, withAnEmptyEncryptionNamePassesTheEmptyName) {
   storePassword(world, "secret");
   world.defaults.set("", kEncryptionKey);
@@ -205,6 +213,11 @@ TEST_F(BackupManifest, waitsForTheScanAndHoldsAllOfIt) {
   world.files.holdEnumerationAt("/Volumes/STICK/b");
   startBackup();
   world.files.waitUntilEnumerationIsHeld();
+  // Meanwhile another engine's backup goes all the way: time enough for one that does not wait.
+  world.files.addVolume("OTHER");
+  ZQStashwick other(world.host());
+  other.setBackupQuery(scanOf("OTHER"));
+  other.operationQueue()->waitUntilAllOperationsAreFinished();
   EXPECT_FALSE(world.files.fileExists(path(".manifest")));
   world.files.releaseEnumeration();
   settle();

@@ -308,6 +308,15 @@ TEST_F(EngineJudgement, finishDropsTheText) {
   EXPECT_FALSE(engine->hasAuthenticationFailure());
 }
 
+TEST_F(EngineJudgement, runsOneAfterTheOtherReportEveryChangeOnce) {
+  backUp();
+  backUp();
+  listener->forget();
+  world.tools.answerTool(kImageTool, "mount failed");
+  restore();
+  EXPECT_EQ(std::ranges::count(listener->names(), "fail"), 1);
+}
+
 TEST_F(EngineJudgement, twoStartsBeforeTheFirstRunIsOverReportEveryChangeTwice) {
   world.files.holdEnumerationAt("/Volumes/STICK/a");
   startBackup();

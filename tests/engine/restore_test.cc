@@ -141,17 +141,6 @@ TEST_F(Restore, outcomeIsJudgedByTheCopyAndNotByTheUnmount) {
   EXPECT_THAT(listener->names(), ::testing::UnorderedElementsAre("begin", "finish"));
 }
 
-TEST_F(Restore, copyDropsTheTextOfTheMount) {
-  world.tools.answerTool(kImageTool, "Authenticated.\n");
-  world.tools.whenToolRuns(kCopyTool, [this](const auto&) {
-    // A change of the queue is judged by the text that is held: none while the copy runs.
-    engine->observeValueForKeyPath("operations", engine->operationQueue());
-    return std::string();
-  });
-  restore();
-  EXPECT_EQ(std::ranges::count(listener->names(), "finish"), 1);
-}
-
 TEST_F(Restore, runsTheSameWhenTheVolumeIsNotMounted) {
   world.files.removeVolume("STICK");
   restore();
