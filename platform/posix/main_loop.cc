@@ -47,7 +47,7 @@ MainLoop::MainLoop() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 MainLoop::~MainLoop() {
   close();
   base::MutexLock lock(mutex_);
-  waiterChanged_.wait(mutex_, [this] { return waiters_ == 0; });
+  while (waiters_ > 0) waiterChanged_.wait(mutex_);
 }
 
 bool MainLoop::isMainThread() const { return std::this_thread::get_id() == mainThread_; }
@@ -86,7 +86,7 @@ bool MainLoop::performAndWait(const std::function<void()>& closure) {
   posted_.push_back({[&closure] { closure(); }, waiter});
   ++waiters_;
   wake();
-  waiterChanged_.wait(mutex_, [&] { return waiter->state != Waiter::State::waiting; });
+  while (waiter->state == Waiter::State::waiting) waiterChanged_.wait(mutex_);
   --waiters_;
   waiterChanged_.notify_all();
   return waiter->state == Waiter::State::done;
@@ -98,7 +98,7 @@ void MainLoop::wake() {
 }
 
 MainLoop::Watch MainLoop::watch(int descriptor, std::function<void()> handler, InModals inModals) {
-  assert(isMainThread());
+  assert(MainLoop::isMainThread());
   watched_.push_back(std::make_shared<Watched>(Watched{descriptor, inModals, std::move(handler)}));
   return Watch(watched_.back());
 }
@@ -126,7 +126,7 @@ int MainLoop::run() {
 }
 
 bool MainLoop::runUntil(const std::function<bool()>& done) {
-  assert(isMainThread());
+  assert(MainLoop::isMainThread());
   while (!stopped()) {
     if (done()) return true;
     waitAndServeWatches(!performNext());

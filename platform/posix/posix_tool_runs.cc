@@ -122,7 +122,10 @@ void PosixToolRuns::terminateAll(std::chrono::milliseconds patience) {
   base::MutexLock lock(mutex_);
   terminated_ = true;
   signalAll(SIGTERM);
-  if (!ended_.wait_for(mutex_, patience, [this] { return running_.empty(); })) signalAll(SIGKILL);
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (!running_.empty() && ended_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) {
+  }
+  signalAll(SIGKILL);
 }
 
 // Launching under the lock leaves no tool that terminateAll() does not know.
@@ -132,7 +135,7 @@ base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolS
   const SpawnRequest request(streams, run.capture);
   base::MutexLock lock(mutex_);
   if (terminated_) return base::Error{"the agent is quitting"};
-  const auto tool = request.spawn(paths_.hostPath(run.launchPath), arguments);
+  auto tool = request.spawn(paths_.hostPath(run.launchPath), arguments);
   if (tool) running_.insert(*tool);
   return tool;
 }

@@ -1,6 +1,6 @@
+#include <csignal>
 #include <filesystem>
 #include <memory>
-#include <signal.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -148,7 +148,7 @@ class PosixUserSession {
       for (;;) ::pause();
     }
     ::close(ends[1]);
-    char none;
+    char none = 0;
     EXPECT_EQ(::read(ends[0], &none, 1), 0);
     ::close(ends[0]);
   }

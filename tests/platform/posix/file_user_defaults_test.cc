@@ -12,7 +12,6 @@ using base::PropertyList;
 using platform::posix::FileUserDefaults;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

@@ -8,7 +8,6 @@
 
 using base::Date;
 using platform::posix::IcuDates;
-using testing::Contains;
 using testing::HasSubstr;
 using testing::StartsWith;
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 using platform::posix::LocaleSettings;
-using platform::posix::LocaleVariables;
 using testing::ElementsAre;
 
 namespace {

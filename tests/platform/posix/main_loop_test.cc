@@ -24,8 +24,8 @@ struct Pipe {
     readEnd = FileDescriptor(ends[0]);
     writeEnd = FileDescriptor(ends[1]);
   }
-  void put(char c) { EXPECT_EQ(::write(writeEnd.get(), &c, 1), 1); }
-  std::string take() {
+  void put(char c) const { EXPECT_EQ(::write(writeEnd.get(), &c, 1), 1); }
+  std::string take() const {
     std::array<char, 16> bytes{};
     const auto got = ::read(readEnd.get(), bytes.data(), bytes.size());
     return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
@@ -99,7 +99,7 @@ TEST(MainLoop, performsForAnotherThreadAndLetsItWait) {
   std::thread::id ranOn;
   auto worker = std::async(std::launch::async, [&] {
     const bool ran = loop.performAndWait([&] { ranOn = std::this_thread::get_id(); });
-    const bool seen = ranOn == std::thread::id() ? false : true;
+    const bool seen = ranOn != std::thread::id();
     loop.stop();
     return ran && seen;
   });

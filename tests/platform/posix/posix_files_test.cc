@@ -86,7 +86,7 @@ std::string saidInOwnMountNamespace(const std::function<std::string()>& say) {
   const FileDescriptor readEnd(ends[0]);
   std::string said;
   std::array<char, 4096> bytes;
-  for (ssize_t got; (got = ::read(readEnd.get(), bytes.data(), bytes.size())) > 0;)
+  for (ssize_t got = 0; (got = ::read(readEnd.get(), bytes.data(), bytes.size())) > 0;)
     said.append(bytes.data(), static_cast<std::size_t>(got));
   ::waitpid(child, nullptr, 0);
   return said;
