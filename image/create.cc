@@ -6,10 +6,12 @@
 #include "base/byte_order.h"
 #include "image/block/partitioned_disk.h"
 #include "image/hfs/volume.h"
+#include "image/open.h"
 #include "image/os/host.h"
 #include "image/os/new_file.h"
 #include "image/os/source_folder.h"
 #include "image/udif/encrypted_output.h"
+#include "image/verify.h"
 
 namespace image {
 namespace {
@@ -39,24 +41,18 @@ class Creation {
   base::Result<CreateReport> run() {
     auto file = os::NewFile::create(request_.image);
     if (!file) return file.error();
+    if (!hfs::storedName(request_.volumeName))
+      return base::Error{"cannot call a volume \"" + request_.volumeName + "\""};
     tell("scanning " + request_.source);
     auto source = os::SourceFolder::open(request_.source);
     if (!source) return source.error();
     auto scan = source->scan({.volumeName = request_.volumeName, .cancelled = request_.cancelled});
     if (!scan) return scan.error();
-    hfs::Tree& tree = scan->tree;
-    tree.finish();
-    const auto forks = source->forks(tree);
-    auto volume = hfs::Volume::lay(tree, *forks, {.now = os::now(), .identifier = randomIdentifier()});
-    if (!volume) return volume.error();
-    CreateReport report{.files = (*volume)->fileCount(),
-                        .folders = (*volume)->folderCount(),
-                        .mountPoints = std::move(scan->mountPoints)};
-    auto written = request_.encryption ? writeEncrypted(**volume, **file) : write(**volume, **file);
-    if (!written) return written.error();
-    report.imageBytes = *written;
-    tell("syncing " + request_.image);
-    if (auto synced = (*file)->sync(); !synced) return synced.error();
+    auto report = writeTree(scan->tree, *source, **file);
+    if (!report) return report.error();
+    report->mountPoints = std::move(scan->mountPoints);
+    tell("verifying " + request_.image);
+    if (auto verified = verify((*file)->contents()); !verified) return verified.error();
     if (auto published = (*file)->publish(); !published) return published.error();
     return report;
   }
@@ -66,39 +62,65 @@ class Creation {
     if (request_.phase) request_.phase(text);
   }
 
+  unsigned workers() const { return request_.workers == 0 ? os::processors() : request_.workers; }
+
+  base::Result<CreateReport> writeTree(hfs::Tree& tree, const os::SourceFolder& source, os::NewFile& file) {
+    tree.finish();
+    const auto forks = source.forks(tree);
+    auto volume = hfs::Volume::lay(tree, *forks, {.now = os::now(), .identifier = randomIdentifier()});
+    if (!volume) return volume.error();
+    counts_ = {(*volume)->fileCount(), (*volume)->folderCount()};
+    tell("writing " + std::to_string(counts_.files) + " files and " + std::to_string(counts_.folders) +
+         " folders, " + std::to_string((*volume)->size()) + " bytes");
+    auto written = request_.encryption ? writeEncrypted(**volume, file) : write(**volume, file);
+    if (!written) return written.error();
+    tell("syncing " + request_.image);
+    if (auto synced = file.sync(); !synced) return synced.error();
+    return CreateReport{.imageBytes = *written, .files = counts_.files, .folders = counts_.folders};
+  }
+
   base::Result<std::uint64_t> write(const hfs::Volume& volume, block::Output& output) const {
-    tell("writing " + std::to_string(volume.fileCount()) + " files and " +
-         std::to_string(volume.folderCount()) + " folders, " + std::to_string(volume.size()) + " bytes");
     const block::PartitionedDisk disk(volume, randomGUID(), randomGUID());
-    const unsigned workers = request_.workers == 0 ? os::processors() : request_.workers;
     return udif::writeImage(disk, disk.regions(), output,
                             {.compresses = request_.format == Format::zlib,
-                             .workers = workers,
+                             .workers = workers(),
                              .segmentID = randomGUID(),
                              .cancelled = request_.cancelled,
                              .progress = request_.progress});
   }
 
   // The password's key is derived while the data is written: both take their time.
-  base::Result<std::uint64_t> writeEncrypted(const hfs::Volume& volume, block::Output& output) const {
+  base::Result<std::uint64_t> writeEncrypted(const hfs::Volume& volume, block::Output& output) {
     const Encryption& encryption = *request_.encryption;
-    const auto keys = crypt::ContainerKeys::random(encryption.method, os::fillRandom);
+    keys_ = crypt::ContainerKeys::random(encryption.method, os::fillRandom);
     auto wrapping = std::async(std::launch::async, [&] {
-      return crypt::ContainerHeader::wrap(keys, encryption.password, crypt::iterationsFor(kUnlockSeconds),
+      return crypt::ContainerHeader::wrap(*keys_, encryption.password, crypt::iterationsFor(kUnlockSeconds),
                                           os::fillRandom);
     });
-    udif::EncryptedOutput encrypted(keys, output);
+    udif::EncryptedOutput encrypted(*keys_, output);
     const auto written = write(volume, encrypted);
-    const auto keyEntry = wrapping.get();
+    header_ = {.method = encryption.method, .dataBytes = written ? *written : 0, .keyEntry = wrapping.get()};
     if (!written) return written;
-    auto head =
-        crypt::ContainerHeader{.method = encryption.method, .dataBytes = *written, .keyEntry = keyEntry}
-            .encode(randomGUID());
+    auto head = header_.encode(randomGUID());
     if (auto put = output.write(0, head); !put) return put.error();
     return head.size() + *written;
   }
 
+  // Of what is on disk, every checksum and the volume's structure.
+  base::Result<void> verify(std::unique_ptr<base::RandomAccess> file) {
+    auto opened = keys_ ? OpenedImage::withKeys(std::move(file), header_, keys_->duplicate())
+                        : OpenedImage::plain(std::move(file));
+    auto counts = opened ? checkImage(**opened, workers(), request_.cancelled) : opened.error();
+    if (!counts) return base::Error{"verifying " + request_.image + ": " + counts.error().message};
+    if (counts->files != counts_.files || counts->folders != counts_.folders)
+      return base::Error{"verifying " + request_.image + ": other files or folders than were written"};
+    return {};
+  }
+
   const CreateRequest& request_;
+  hfs::VolumeCounts counts_;
+  std::optional<crypt::ContainerKeys> keys_;
+  crypt::ContainerHeader header_;
 };
 
 }  // namespace

@@ -1,9 +1,12 @@
 #include "tools/hdiutil.h"
 
+#include <memory>
 #include <ostream>
 
 #include "base/xml_property_list.h"
 #include "image/create.h"
+#include "image/open.h"
+#include "image/verify.h"
 #include "tools/arguments.h"
 
 namespace tools {
@@ -15,7 +18,9 @@ constexpr int kNotUnderstood = 64;
 
 constexpr std::string_view kUsage =
     "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
-    "                      [-encryption AES-128|AES-256 -stdinpass] [-plist] [-verbose] IMAGE\n";
+    "                      [-encryption AES-128|AES-256 -stdinpass] [-plist] [-verbose] IMAGE\n"
+    "       hdiutil verify [-stdinpass] [-verbose] IMAGE\n"
+    "       hdiutil imageinfo [-stdinpass] [-plist] IMAGE\n";
 
 int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason, int status = kFailed) {
   host.error << "hdiutil: " << verb << " failed - " << reason << "\n";
@@ -90,10 +95,81 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   return host.out ? kDone : fail(host, "create", "cannot write to standard output");
 }
 
+// The image that the arguments name, opened with the password that -stdinpass says is on standard input.
+base::Result<std::unique_ptr<image::OpenedImage>> openImage(const Arguments& arguments,
+                                                            const HdiutilHost& host) {
+  if (arguments.operands().size() != 1) return base::Error{"one image path is needed"};
+  if (!arguments.has("-stdinpass")) return image::OpenedImage::open(arguments.operands()[0], nullptr);
+  const auto password = host.readPassword();
+  if (!password) return password.error();
+  return image::OpenedImage::open(arguments.operands()[0], &*password);
+}
+
+int verify(const std::vector<std::string>& given, const HdiutilHost& host) {
+  const auto arguments =
+      Arguments::parse(given, 1, {.withValue = {}, .alone = {"-plist", "-verbose", "-stdinpass"}});
+  if (!arguments) return fail(host, "verify", arguments.error().message, kNotUnderstood);
+  const auto image = openImage(*arguments, host);
+  if (!image) return fail(host, "verify", image.error().message);
+  const auto counts = image::checkImage(**image, 0, &host.cancelled);
+  if (!counts) return fail(host, "verify", counts.error().message);
+  const std::string& path = arguments->operands()[0];
+  host.error << "hdiutil: verify: checksum of \"" << path << "\" is VALID\n";
+  if (arguments->has("-verbose"))
+    host.error << "hdiutil: verify: " << counts->files << " files and " << counts->folders
+               << " folders are sound\n";
+  return kDone;
+}
+
+base::PropertyList::Dictionary describe(const image::OpenedImage& image) {
+  using Dictionary = base::PropertyList::Dictionary;
+  base::PropertyList::Array partitions;
+  std::string format = "UDRO";
+  for (const auto& table : image.udif().tables()) {
+    partitions.emplace_back(Dictionary{{"partition-name", table.name},
+                                       {"partition-start", static_cast<std::int64_t>(table.firstSector)},
+                                       {"partition-length", static_cast<std::int64_t>(table.sectorCount)}});
+    for (const auto& run : table.runs)
+      if (run.type == image::udif::RunType::zlib) format = "UDZO";
+  }
+  const auto sectors = static_cast<std::int64_t>(image.udif().trailer().sectorCount);
+  Dictionary description{
+      {"Format", format},
+      {"Checksum Type", image.udif().trailer().masterChecksum ? "CRC32" : "none"},
+      {"Size Information", Dictionary{{"Total Bytes", sectors * 512},
+                                      {"Compressed Bytes", static_cast<std::int64_t>(image.fileBytes())}}},
+      {"partitions", std::move(partitions)}};
+  description.emplace("Properties", Dictionary{{"Encrypted", image.container().has_value()}});
+  return description;
+}
+
+int imageInfo(const std::vector<std::string>& given, const HdiutilHost& host) {
+  const auto arguments =
+      Arguments::parse(given, 1, {.withValue = {}, .alone = {"-plist", "-verbose", "-stdinpass"}});
+  if (!arguments) return fail(host, "imageinfo", arguments.error().message, kNotUnderstood);
+  const auto image = openImage(*arguments, host);
+  if (!image) return fail(host, "imageinfo", image.error().message);
+  const auto description = describe(**image);
+  if (arguments->has("-plist")) {
+    host.out << base::writeXMLPropertyList(description);
+    return kDone;
+  }
+  host.out << "Format: " << *base::find<std::string>(description, "Format") << "\n"
+           << "Encrypted: " << ((*image)->container() ? "true" : "false") << "\n"
+           << "Total Bytes: " << (*image)->udif().trailer().sectorCount * 512 << "\n"
+           << "Compressed Bytes: " << (*image)->fileBytes() << "\n"
+           << "partitions:\n";
+  for (const auto& table : (*image)->udif().tables())
+    host.out << "\t" << table.firstSector << "\t" << table.sectorCount << "\t" << table.name << "\n";
+  return kDone;
+}
+
 }  // namespace
 
 int hdiutil(const std::vector<std::string>& arguments, const HdiutilHost& host) {
   if (!arguments.empty() && arguments[0] == "create") return create(arguments, host);
+  if (!arguments.empty() && arguments[0] == "verify") return verify(arguments, host);
+  if (!arguments.empty() && arguments[0] == "imageinfo") return imageInfo(arguments, host);
   host.error << kUsage;
   if (arguments.empty()) return kNotUnderstood;
   return fail(host, arguments[0], "unknown verb", kNotUnderstood);

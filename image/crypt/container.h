@@ -30,6 +30,8 @@ class ContainerKeys {
  public:
   static ContainerKeys random(Method method, const RandomBytes& random);
 
+  ContainerKeys duplicate() const { return {cipherKey_.duplicate(), ivKey_.duplicate()}; }
+
   // Blocks from `firstBlock` on, in place. blocks.size() is a multiple of blockBytes, itself one of 16.
   void encrypt(std::uint32_t firstBlock, std::size_t blockBytes, std::span<std::byte> blocks) const;
   void decrypt(std::uint32_t firstBlock, std::size_t blockBytes, std::span<std::byte> blocks) const;

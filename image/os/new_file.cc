@@ -154,6 +154,7 @@ base::Result<void> NewFile::sync() {
 }
 
 std::unique_ptr<base::RandomAccess> NewFile::contents() const {
+  ::posix_fadvise(file_.number(), 0, 0, POSIX_FADV_DONTNEED);
   struct stat status {};
   const bool known = ::fstat(file_.number(), &status) == 0;
   return std::make_unique<OpenFile>(file_.number(), known ? static_cast<std::uint64_t>(status.st_size) : 0);

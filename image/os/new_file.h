@@ -23,7 +23,8 @@ class NewFile : public block::Output {
   base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
   // Makes what was written durable.
   base::Result<void> sync();
-  // What is on disk, for any number of threads; lives no longer than the NewFile.
+  // What is on disk (after sync(), read from there anew), for any number of threads; lives no longer than the
+  // NewFile.
   std::unique_ptr<base::RandomAccess> contents() const;
   // Gives the file its name, never in place of another, and makes that durable too.
   base::Result<void> publish();

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include "base/random_access.h"
+#include "base/result.h"
+
+namespace image::hfs {
+
+struct VolumeCounts {
+  std::uint32_t files = 0;
+  std::uint32_t folders = 0;
+};
+
+// Checks a whole HFS+ or HFSX volume: both volume headers, the structure and key order of all B-trees, that
+// each item has its thread and each thread its item, names, valences, counts, hard links, attributes, and
+// that the allocation file marks exactly the blocks that something uses, once each. Gives the first fault
+// that is found. Memory: two bits for each allocation block and some bytes for each tree node.
+base::Result<VolumeCounts> checkVolume(const base::RandomAccess& volume);
+
+}  // namespace image::hfs

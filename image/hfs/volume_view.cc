@@ -1,0 +1,272 @@
+#include "image/hfs/volume_view.h"
+
+#include <algorithm>
+#include <bit>
+#include <string>
+
+namespace image::hfs {
+namespace {
+
+constexpr std::size_t kDescriptorBytes = 14;
+constexpr std::int8_t kLeafNode = -1;
+constexpr std::int8_t kIndexNode = 0;
+constexpr std::int8_t kHeaderNode = 1;
+constexpr std::int8_t kMapNode = 2;
+
+template <std::unsigned_integral T>
+T loadAt(std::span<const std::byte> bytes, std::size_t at) {
+  return base::loadBigEndian<T>(bytes.data() + at);
+}
+
+std::u16string nameAt(std::span<const std::byte> bytes, std::size_t at, std::size_t units) {
+  std::u16string name;
+  name.reserve(units);
+  for (std::size_t i = 0; i < units; ++i)
+    name.push_back(static_cast<char16_t>(loadAt<std::uint16_t>(bytes, at + 2 * i)));
+  return name;
+}
+
+// The UTF-16 text whose length stands at `at`, or what of it is inside the key.
+std::u16string keyName(std::span<const std::byte> key, std::size_t at) {
+  if (key.size() < at + 2) return {};
+  const std::size_t units = std::min<std::size_t>(loadAt<std::uint16_t>(key, at), (key.size() - at - 2) / 2);
+  return nameAt(key, at + 2, units);
+}
+
+std::uint32_t number(std::span<const std::byte> key, std::size_t at) {
+  return key.size() < at + 4 ? 0 : loadAt<std::uint32_t>(key, at);
+}
+
+}  // namespace
+
+ForkRecord getFork(base::ByteReader& in) {
+  ForkRecord fork;
+  fork.size = in.get<std::uint64_t>();
+  in.skip(4);
+  fork.blocks = in.get<std::uint32_t>();
+  for (int i = 0; i < 8; ++i) {
+    const auto first = in.get<std::uint32_t>();
+    const auto blocks = in.get<std::uint32_t>();
+    if (blocks != 0) fork.extents.push_back({first, blocks});
+  }
+  return fork;
+}
+
+base::Result<VolumeHeader> VolumeHeader::decode(std::span<const std::byte> bytes, std::uint64_t volumeBytes) {
+  base::ByteReader in(bytes);
+  VolumeHeader header;
+  const auto signature = in.get<std::uint16_t>();
+  const auto version = in.get<std::uint16_t>();
+  const bool isPlus = signature == 0x482B && version == 4;
+  const bool isX = signature == 0x4858 && version == 5;
+  if (!isPlus && !isX) return base::Error{"the volume header is not that of an HFS+ volume"};
+  header.order = NameOrder::caseFolding;
+  header.attributes = in.get<std::uint32_t>();
+  in.skip(4 + 4 + 4 * 4);
+  header.fileCount = in.get<std::uint32_t>();
+  header.folderCount = in.get<std::uint32_t>();
+  header.blockBytes = in.get<std::uint32_t>();
+  header.totalBlocks = in.get<std::uint32_t>();
+  header.freeBlocks = in.get<std::uint32_t>();
+  in.skip(4 + 4 + 4);
+  header.nextCatalogID = in.get<std::uint32_t>();
+  in.skip(4 + 8 + 32);
+  header.allocation = getFork(in);
+  header.extentsOverflow = getFork(in);
+  header.catalog = getFork(in);
+  header.attributesFile = getFork(in);
+  if (!in.ok() || header.blockBytes < 512 || !std::has_single_bit(header.blockBytes) ||
+      header.volumeBytes() > volumeBytes || header.freeBlocks > header.totalBlocks)
+    return base::Error{"the volume header contradicts itself"};
+  return header;
+}
+
+ForkView::ForkView(const base::RandomAccess& volume, std::uint32_t blockBytes, std::uint64_t size,
+                   std::vector<Extent> extents)
+    : volume_(volume), blockBytes_(blockBytes), size_(size), extents_(std::move(extents)) {}
+
+bool ForkView::read(std::uint64_t offset, std::span<std::byte> into) const {
+  if (offset > size_ || into.size() > size_ - offset) return false;
+  for (const Extent& extent : extents_) {
+    const std::uint64_t bytes = std::uint64_t{extent.blocks} * blockBytes_;
+    if (into.empty()) return true;
+    if (offset >= bytes) {
+      offset -= bytes;
+      continue;
+    }
+    const auto part =
+        into.first(static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), bytes - offset)));
+    if (!volume_.read(std::uint64_t{extent.firstBlock} * blockBytes_ + offset, part)) return false;
+    into = into.subspan(part.size());
+    offset = 0;
+  }
+  return into.empty();
+}
+
+RecordView splitRecord(std::span<const std::byte> record) {
+  if (record.size() < 2) return {};
+  const std::size_t length = 2 + std::size_t{loadAt<std::uint16_t>(record, 0)};
+  const std::size_t data = length + (length & 1);
+  if (data > record.size()) return {};
+  return {record.first(length), record.subspan(data)};
+}
+
+KeyOrder catalogOrder(NameOrder order) {
+  return [order](std::span<const std::byte> a, std::span<const std::byte> b) {
+    if (const auto parents = number(a, 2) <=> number(b, 2); parents != 0) return parents;
+    return compareNames(keyName(a, 6), keyName(b, 6), order);
+  };
+}
+
+// Key: length, fork type (one byte, one of padding), file, first block.
+KeyOrder extentsOrder() {
+  return [](std::span<const std::byte> a, std::span<const std::byte> b) {
+    if (const auto files = number(a, 4) <=> number(b, 4); files != 0) return files;
+    if (a.size() < 12 || b.size() < 12) return a.size() <=> b.size();
+    if (const auto forks = std::to_integer<int>(a[2]) <=> std::to_integer<int>(b[2]); forks != 0)
+      return forks;
+    return number(a, 8) <=> number(b, 8);
+  };
+}
+
+// Key: length, padding, file, first block, name.
+KeyOrder attributesOrder() {
+  return [](std::span<const std::byte> a, std::span<const std::byte> b) {
+    if (const auto files = number(a, 4) <=> number(b, 4); files != 0) return files;
+    if (const auto names = compareNames(keyName(a, 12), keyName(b, 12), NameOrder::binary); names != 0)
+      return names;
+    return number(a, 8) <=> number(b, 8);
+  };
+}
+
+base::Error BTreeView::damaged(std::string_view how, std::uint32_t node) const {
+  return {"the " + what_ + " is damaged: " + std::string(how) + " (node " + std::to_string(node) + ")"};
+}
+
+base::Result<BTreeView> BTreeView::open(const base::RandomAccess& fork, std::string what) {
+  constexpr std::size_t kHeadBytes = kDescriptorBytes + 106;
+  BTreeView tree(fork, std::move(what));
+  std::array<std::byte, kHeadBytes> head;
+  if (fork.size() < 512 || !fork.read(0, head)) return tree.damaged("its header cannot be read", 0);
+  base::ByteReader in(head);
+  in.skip(8);
+  const bool isHeader = static_cast<std::int8_t>(in.get<std::uint8_t>()) == kHeaderNode;
+  in.skip(5);
+  tree.depth_ = in.get<std::uint16_t>();
+  tree.root_ = in.get<std::uint32_t>();
+  tree.leafRecords_ = in.get<std::uint32_t>();
+  tree.firstLeaf_ = in.get<std::uint32_t>();
+  tree.lastLeaf_ = in.get<std::uint32_t>();
+  tree.nodeBytes_ = in.get<std::uint16_t>();
+  tree.maxKeyLength_ = in.get<std::uint16_t>();
+  tree.nodeCount_ = in.get<std::uint32_t>();
+  tree.freeNodes_ = in.get<std::uint32_t>();
+  in.skip(2 + 4 + 1);
+  tree.keyCompareType_ = in.get<std::uint8_t>();
+  const bool sound = isHeader && tree.nodeBytes_ >= 512 && std::has_single_bit(tree.nodeBytes_) &&
+                     tree.nodeCount_ != 0 &&
+                     std::uint64_t{tree.nodeCount_} * tree.nodeBytes_ == fork.size() &&
+                     tree.freeNodes_ < tree.nodeCount_ && tree.depth_ <= 16;
+  if (!sound) return tree.damaged("its header contradicts itself", 0);
+  return tree;
+}
+
+base::Result<NodeView> BTreeView::node(std::uint32_t number) const {
+  NodeView node{.bytes = std::vector<std::byte>(nodeBytes_)};
+  if (number >= nodeCount_ || !fork_->read(std::uint64_t{number} * nodeBytes_, node.bytes))
+    return damaged("a node cannot be read", number);
+  base::ByteReader in(node.bytes);
+  node.next = in.get<std::uint32_t>();
+  node.previous = in.get<std::uint32_t>();
+  node.kind = static_cast<std::int8_t>(in.get<std::uint8_t>());
+  node.height = in.get<std::uint8_t>();
+  const std::size_t count = in.get<std::uint16_t>();
+  if (2 * (count + 1) > nodeBytes_ - kDescriptorBytes) return damaged("a node has too many records", number);
+  const auto offset = [&](std::size_t i) -> std::size_t {
+    return loadAt<std::uint16_t>(node.bytes, nodeBytes_ - 2 * (i + 1));
+  };
+  if (offset(0) != kDescriptorBytes) return damaged("a node's records do not begin behind its head", number);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (offset(i) >= offset(i + 1) || offset(i + 1) > nodeBytes_ - 2 * (count + 1))
+      return damaged("a node's records overlap", number);
+    node.records.push_back(
+        std::span<const std::byte>(node.bytes).subspan(offset(i), offset(i + 1) - offset(i)));
+  }
+  return node;
+}
+
+base::Result<void> BTreeView::walk(const KeyOrder& order,
+                                   const std::function<base::Result<void>(const RecordView&)>& visit) const {
+  std::vector<bool> seen(nodeCount_);
+  seen[0] = true;
+  if (depth_ == 0) {
+    if (root_ != 0 || leafRecords_ != 0) return damaged("an empty tree has records", 0);
+    return checkMap(seen);
+  }
+  std::vector<Child> level{{root_, {}}};
+  std::uint32_t leafRecords = 0;
+  for (std::uint8_t height = static_cast<std::uint8_t>(depth_); height > 0; --height) {
+    std::vector<Child> below;
+    std::vector<std::byte> last;
+    if (height == 1 && (level.front().node != firstLeaf_ || level.back().node != lastLeaf_))
+      return damaged("its header names other leaves as the first and the last", 0);
+    for (std::size_t i = 0; i < level.size(); ++i) {
+      const std::uint32_t at = level[i].node;
+      if (at >= nodeCount_ || seen[at]) return damaged("a node is reached twice or does not exist", at);
+      seen[at] = true;
+      const auto node = this->node(at);
+      if (!node) return node.error();
+      if (node->kind != (height == 1 ? kLeafNode : kIndexNode) || node->height != height ||
+          node->records.empty())
+        return damaged("a node is of the wrong kind or height, or empty", at);
+      if (node->previous != (i == 0 ? 0 : level[i - 1].node) ||
+          node->next != (i + 1 == level.size() ? 0 : level[i + 1].node))
+        return damaged("a node's neighbours are not those that its parents name", at);
+      for (const auto bytes : node->records) {
+        const RecordView record = splitRecord(bytes);
+        if (record.key.size() < 8 || record.key.size() > maxKeyLength_ + 2u)
+          return damaged("a key has a wrong length", at);
+        if (!last.empty() && order(last, record.key) >= 0) return damaged("keys are out of order", at);
+        const bool isFirst = bytes.data() == node->records.front().data();
+        if (isFirst && !level[i].firstKey.empty() && !std::ranges::equal(level[i].firstKey, record.key))
+          return damaged("a node does not begin with the key that its parent has for it", at);
+        last.assign(record.key.begin(), record.key.end());
+        if (height > 1) {
+          if (record.data.size() < 4) return damaged("an index record is too short", at);
+          below.push_back({loadAt<std::uint32_t>(record.data, 0), last});
+          continue;
+        }
+        ++leafRecords;
+        if (auto visited = visit(record); !visited) return visited;
+      }
+    }
+    level = std::move(below);
+  }
+  if (leafRecords != leafRecords_) return damaged("its header counts other records than there are", 0);
+  return checkMap(seen);
+}
+
+// The map records of the header node and of the map nodes after it have a bit for each node.
+base::Result<void> BTreeView::checkMap(std::vector<bool> seen) const {
+  std::vector<bool> used;
+  std::uint32_t at = 0;
+  do {
+    seen[at] = true;
+    const auto node = this->node(at);
+    if (!node) return node.error();
+    const std::size_t record = at == 0 ? 2 : 0;
+    if (node->records.size() <= record || (at != 0 && node->kind != kMapNode))
+      return damaged("its map is damaged", at);
+    for (const std::byte b : node->records[record])
+      for (int bit = 7; bit >= 0; --bit) used.push_back((b >> bit & std::byte{1}) != std::byte{0});
+    at = node->next;
+  } while (at != 0 && at < nodeCount_ && !seen[at]);
+  if (at != 0 || used.size() < nodeCount_) return damaged("its map is damaged", at);
+  used.resize(nodeCount_);
+  if (used != seen) return damaged("its map does not name the nodes that are in use", 0);
+  if (static_cast<std::uint32_t>(std::ranges::count(seen, false)) != freeNodes_)
+    return damaged("its header counts other free nodes than there are", 0);
+  return {};
+}
+
+}  // namespace image::hfs

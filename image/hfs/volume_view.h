@@ -1,0 +1,129 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "base/byte_order.h"
+#include "base/random_access.h"
+#include "base/result.h"
+#include "image/hfs/unicode_name.h"
+
+namespace image::hfs {
+
+struct Extent {
+  std::uint32_t firstBlock = 0;
+  std::uint32_t blocks = 0;
+};
+
+// A fork as a volume header or a file record describes it.
+struct ForkRecord {
+  std::uint64_t size = 0;
+  std::uint32_t blocks = 0;
+  // Those that stand in the record; empty ones left out.
+  std::vector<Extent> extents{};
+};
+ForkRecord getFork(base::ByteReader& in);
+
+struct VolumeHeader {
+  NameOrder order = NameOrder::caseFolding;
+  std::uint32_t attributes = 0;
+  std::uint32_t fileCount = 0;
+  std::uint32_t folderCount = 0;
+  std::uint32_t blockBytes = 0;
+  std::uint32_t totalBlocks = 0;
+  std::uint32_t freeBlocks = 0;
+  std::uint32_t nextCatalogID = 0;
+  ForkRecord allocation;
+  ForkRecord extentsOverflow;
+  ForkRecord catalog;
+  ForkRecord attributesFile;
+
+  std::uint64_t volumeBytes() const { return std::uint64_t{blockBytes} * totalBlocks; }
+  // A header of a volume of that many bytes; refuses numbers that contradict each other.
+  static base::Result<VolumeHeader> decode(std::span<const std::byte> bytes, std::uint64_t volumeBytes);
+};
+
+// The bytes of a fork, whose extents are all known. Lives no longer than the volume's bytes.
+class ForkView : public base::RandomAccess {
+ public:
+  ForkView(const base::RandomAccess& volume, std::uint32_t blockBytes, std::uint64_t size,
+           std::vector<Extent> extents);
+
+  std::uint64_t size() const override { return size_; }
+  bool read(std::uint64_t offset, std::span<std::byte> into) const override;
+
+ private:
+  const base::RandomAccess& volume_;
+  std::uint32_t blockBytes_;
+  std::uint64_t size_;
+  std::vector<Extent> extents_;
+};
+
+// One node of a B-tree, its records checked to lie inside it.
+struct NodeView {
+  std::uint32_t next = 0;
+  std::uint32_t previous = 0;
+  std::int8_t kind = 0;
+  std::uint8_t height = 0;
+  std::vector<std::byte> bytes{};
+  std::vector<std::span<const std::byte>> records{};
+};
+
+// A key and what follows it in a record of a tree with 16-bit key lengths. Both empty when the record is
+// damaged.
+struct RecordView {
+  std::span<const std::byte> key{};
+  std::span<const std::byte> data{};
+};
+RecordView splitRecord(std::span<const std::byte> record);
+
+// Negative, zero or positive, as the order of two whole keys is.
+using KeyOrder = std::function<std::strong_ordering(std::span<const std::byte>, std::span<const std::byte>)>;
+KeyOrder catalogOrder(NameOrder order);
+KeyOrder extentsOrder();
+KeyOrder attributesOrder();
+
+// A B-tree file of a volume.
+class BTreeView {
+ public:
+  // The fork outlives the view. `what` names the tree in messages.
+  static base::Result<BTreeView> open(const base::RandomAccess& fork, std::string what);
+
+  base::Result<NodeView> node(std::uint32_t number) const;
+  // Goes through the whole tree from the root down, checks every link, height, key order and count and the
+  // map of used nodes, and hands each leaf record over in key order. `visit` may refuse one.
+  base::Result<void> walk(const KeyOrder& order,
+                          const std::function<base::Result<void>(const RecordView&)>& visit) const;
+
+  std::uint32_t nodeCount() const { return nodeCount_; }
+  std::uint8_t keyCompareType() const { return keyCompareType_; }
+
+ private:
+  BTreeView(const base::RandomAccess& fork, std::string what) : fork_(&fork), what_(std::move(what)) {}
+
+  struct Child {
+    std::uint32_t node;
+    std::vector<std::byte> firstKey;
+  };
+  base::Error damaged(std::string_view how, std::uint32_t node) const;
+  // seen: the nodes that the tree itself reaches.
+  base::Result<void> checkMap(std::vector<bool> seen) const;
+
+  const base::RandomAccess* fork_;
+  std::string what_;
+  std::uint32_t nodeBytes_ = 0;
+  std::uint32_t nodeCount_ = 0;
+  std::uint32_t freeNodes_ = 0;
+  std::uint32_t root_ = 0;
+  std::uint32_t firstLeaf_ = 0;
+  std::uint32_t lastLeaf_ = 0;
+  std::uint32_t leafRecords_ = 0;
+  std::uint16_t depth_ = 0;
+  std::uint16_t maxKeyLength_ = 0;
+  std::uint8_t keyCompareType_ = 0;
+};
+
+}  // namespace image::hfs

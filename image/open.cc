@@ -1,0 +1,71 @@
+#include "image/open.h"
+
+#include <algorithm>
+
+#include "image/os/new_file.h"
+
+namespace image {
+namespace {
+
+std::vector<std::byte> headOf(const base::RandomAccess& file) {
+  std::vector<std::byte> head(std::min<std::uint64_t>(file.size(), crypt::ContainerHeader::kHeadBytes));
+  if (!file.read(0, head)) head.clear();
+  return head;
+}
+
+}  // namespace
+
+base::Result<void> OpenedImage::read(const base::RandomAccess& plain) {
+  auto udif = udif::Image::open(plain);
+  if (!udif) return udif.error();
+  udif_ = *std::move(udif);
+  return {};
+}
+
+base::Result<void> OpenedImage::decrypt(crypt::ContainerKeys keys) {
+  auto decrypted = udif::DecryptedFile::open(*file_, *container_, std::move(keys));
+  if (!decrypted) return decrypted.error();
+  decrypted_ = *std::move(decrypted);
+  return read(*decrypted_);
+}
+
+base::Result<std::unique_ptr<OpenedImage>> OpenedImage::plain(std::unique_ptr<base::RandomAccess> file) {
+  std::unique_ptr<OpenedImage> opened(new OpenedImage);
+  opened->file_ = std::move(file);
+  if (auto read = opened->read(*opened->file_); !read) return read.error();
+  return opened;
+}
+
+base::Result<std::unique_ptr<OpenedImage>> OpenedImage::withKeys(std::unique_ptr<base::RandomAccess> file,
+                                                                 const crypt::ContainerHeader& header,
+                                                                 crypt::ContainerKeys keys) {
+  std::unique_ptr<OpenedImage> opened(new OpenedImage);
+  opened->file_ = std::move(file);
+  auto found = crypt::ContainerHeader::decode(headOf(*opened->file_));
+  if (!found) return found.error();
+  if (found->keyEntry != header.keyEntry || found->dataBytes != header.dataBytes ||
+      found->dataOffset != header.dataOffset || found->blockBytes != header.blockBytes)
+    return base::Error{"the container's header is not what was written"};
+  opened->container_ = *std::move(found);
+  if (auto read = opened->decrypt(std::move(keys)); !read) return read.error();
+  return opened;
+}
+
+base::Result<std::unique_ptr<OpenedImage>> OpenedImage::open(const std::string& path,
+                                                             const base::Secret* password) {
+  auto file = os::openFile(path);
+  if (!file) return file.error();
+  const auto head = headOf(**file);
+  if (!crypt::ContainerHeader::isContainer(head)) return plain(*std::move(file));
+  std::unique_ptr<OpenedImage> opened(new OpenedImage);
+  opened->file_ = *std::move(file);
+  auto container = crypt::ContainerHeader::decode(head);
+  if (!container) return container.error();
+  opened->container_ = *std::move(container);
+  auto keys = password == nullptr ? std::nullopt : opened->container_->unwrap(*password);
+  if (!keys) return base::Error{kAuthenticationError};
+  if (auto read = opened->decrypt(*std::move(keys)); !read) return read.error();
+  return opened;
+}
+
+}  // namespace image

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <atomic>
+
+#include "base/result.h"
+#include "image/hfs/volume_check.h"
+#include "image/open.h"
+
+namespace image {
+
+// Checks every checksum of an image and the structure of each HFS+ volume in it; gives their files and
+// folders. workers: 0 for one for each processor. cancelled may be null.
+base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
+                                           const std::atomic<bool>* cancelled);
+
+}  // namespace image
