@@ -22,7 +22,7 @@ class Dates {
   virtual std::string mediumDateAndTime(base::Date date, const std::string& language) = 0;
 
   // Short date and short time in the user's locale and time zone, with the locale's words for today and
-  // yesterday: "Today 14:05". There is always at least one blank between the date and the time.
+  // yesterday: "Today 14:05". The one plain blank (U+0020) is that between the date and the time.
   virtual std::string shortRelativeDateAndTime(base::Date date) = 0;
 };
 

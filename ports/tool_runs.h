@@ -40,8 +40,9 @@ class ToolRuns {
 
   // Launches the tool, reads what is captured to its end, waits for the exit, and returns the captured bytes.
   // The tool's standard input ends after what was written to the pipe, even if nothing was and nobody closed
-  // it. A tool that cannot be launched gives, as its captured text, one line "TOOL: launch failed - REASON".
-  // The exit status is not told: texts decide.
+  // it. The exit status is not told: texts decide. So a tool that could not speak for itself is spoken for:
+  // one that cannot be launched gives one line "TOOL: launch failed - REASON", and after the output of one
+  // that was killed stands "TOOL: failed - REASON" on a line of its own.
   virtual std::string run(const ToolRun& run) = 0;
 };
 

@@ -67,6 +67,13 @@ std::string formatted(base::Date date, const std::string& languageTag, const std
   return base::utf8FromUTF16({text.data(), static_cast<std::size_t>(length)});
 }
 
+std::string withoutPlainBlanks(std::string_view text) {
+  constexpr std::string_view kNoBreakSpace = "\u00A0";
+  std::string unbroken;
+  for (const char c : text) c == ' ' ? unbroken += kNoBreakSpace : unbroken += c;
+  return unbroken;
+}
+
 }  // namespace
 
 base::Date IcuDates::now() {
@@ -81,10 +88,10 @@ std::string IcuDates::mediumDateAndTime(base::Date date, const std::string& lang
 }
 
 std::string IcuDates::shortRelativeDateAndTime(base::Date date) {
-  auto text = formatted(date, settings_.dateLocale, timeZone_, {UDAT_SHORT, UDAT_SHORT_RELATIVE});
-  if (text.find(' ') != text.npos) return text;
-  return formatted(date, settings_.dateLocale, timeZone_, {UDAT_NONE, UDAT_SHORT_RELATIVE}) + " " +
-         formatted(date, settings_.dateLocale, timeZone_, {UDAT_SHORT, UDAT_NONE});
+  const auto part = [&](Styles styles) {
+    return withoutPlainBlanks(formatted(date, settings_.dateLocale, timeZone_, styles));
+  };
+  return part({UDAT_NONE, UDAT_SHORT_RELATIVE}) + " " + part({UDAT_SHORT, UDAT_NONE});
 }
 
 }  // namespace platform::posix

@@ -101,6 +101,7 @@ std::string howItEnded(int status) {
 std::unique_ptr<ports::InputPipe> PosixToolRuns::makePipe() { return std::make_unique<SecretPipe>(); }
 
 std::string PosixToolRuns::run(const ports::ToolRun& run) {
+  const bool captures = run.capture != ports::ToolRun::Capture::none;
   std::vector<base::Secret> input;
   if (run.standardInput) input = dynamic_cast<SecretPipe&>(*run.standardInput).take();
   auto streams = ToolStreams::open(run.standardInput ? &input : nullptr, run.capture);
@@ -108,13 +109,14 @@ std::string PosixToolRuns::run(const ports::ToolRun& run) {
   if (!tool) {
     const auto line = run.launchPath + ": launch failed - " + tool.error().message;
     log_.log("[Stashwick] " + line);
-    return run.capture == ports::ToolRun::Capture::none ? "" : line + "\n";
+    return captures ? line + "\n" : "";
   }
   streams->closeToolEnds();
   streams->exchange(*tool, kGraceAfterExit);
   const int status = reap(*tool);
   auto output = streams->takeOutput();
   if (status != 0) logEnd(run.launchPath, status, output, input);
+  if (captures && WIFSIGNALED(status)) output += run.launchPath + ": failed - " + howItEnded(status) + "\n";
   return output;
 }
 

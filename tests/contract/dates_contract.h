@@ -47,13 +47,14 @@ TYPED_TEST_P(DatesContract, tellsSecondsApartInMediumTimes) {
             this->dates().mediumDateAndTime(this->later(this->aSunday, 1), "en"));
 }
 
-TYPED_TEST_P(DatesContract, hasABlankBetweenAShortDateAndItsTime) {
+TYPED_TEST_P(DatesContract, hasOneBlankBetweenAShortDateAndItsTime) {
   const auto now = this->dates().now();
   for (const double ago : {0.0, 86400.0, 3 * 86400.0, 400 * 86400.0}) {
     const auto text = this->dates().shortRelativeDateAndTime(this->later(now, -ago));
     const auto blank = text.find(' ');
     EXPECT_NE(blank, std::string::npos) << text;
     EXPECT_NE(text.find(':', blank), std::string::npos) << text;
+    EXPECT_EQ(text.rfind(' '), blank) << text;
   }
 }
 
@@ -65,7 +66,7 @@ TYPED_TEST_P(DatesContract, hasWordsForTodayAndYesterday) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(DatesContract, neverGoesBack, knowsALanguage, writesMediumDatesAndTimes,
-                            tellsSecondsApartInMediumTimes, hasABlankBetweenAShortDateAndItsTime,
+                            tellsSecondsApartInMediumTimes, hasOneBlankBetweenAShortDateAndItsTime,
                             hasWordsForTodayAndYesterday);
 
 }  // namespace contract

@@ -163,13 +163,20 @@ TEST_F(PosixToolRunsTest, startsToolsWithDefaultSignalsAndNoDescriptorsOfOurs) {
   EXPECT_EQ(descriptors, "4\n");  // three streams, and the folder that ls itself reads
 }
 
+TEST_F(PosixToolRunsTest, saysThatAToolFailedThatWasKilledBeforeItCouldSaySo) {
+  EXPECT_EQ(runScript("echo text; kill -KILL $$", Capture::standardError),
+            "/usr/bin/hdiutil: failed - ended by signal 9, Killed\n");
+  EXPECT_EQ(runScript("echo text; kill -KILL $$"),
+            "text\n/usr/bin/hdiutil: failed - ended by signal 9, Killed\n");
+}
+
 TEST_F(PosixToolRunsTest, endsRunningToolsWhenQuittingAndLaunchesNoMore) {
   ASSERT_EQ(::mkfifo((folder_ / "started").c_str(), 0600), 0);
   const auto script = [&](const std::string& rest) { return "echo >" + (folder_ / "started") + "; " + rest; };
   auto running = std::async(std::launch::async, [&] { return runScript(script("exec sleep 600")); });
   folder_.read("started");  // returns when the tool has begun
   tools_.terminateAll(std::chrono::seconds(60));
-  EXPECT_EQ(running.get(), "");
+  EXPECT_EQ(running.get(), "/usr/bin/hdiutil: failed - ended by signal 15, Terminated\n");
   EXPECT_EQ(runScript("touch " + (folder_ / "ran")),
             "/usr/bin/hdiutil: launch failed - the agent is quitting\n");
   EXPECT_FALSE(std::filesystem::exists(folder_ / "ran"));
