@@ -206,24 +206,33 @@ bool EmbeddedDisks::concernsVolumes(const inotify_event& event, std::string_view
          });
 }
 
-base::Result<void> EmbeddedDisks::attach(const std::string& folder, Arrival arrival) {
+base::Result<EmbeddedDisks::Place> EmbeddedDisks::placeToAttach(const std::string& folder) {
   auto real = realFolder(folder);
   if (!real) return real.error();
   Place place{*real, nameOfFolder(folder, *real), true};
-  if (!posix::PathMap::isVolumeName(place.name)) {
-    return base::Error{"\"" + folder + "\": a volume cannot have this name"};
-  }
+  if (posix::PathMap::isVolumeName(place.name)) return place;
+  return base::Error{"\"" + folder + "\": a volume cannot have this name"};
+}
+
+base::Result<void> EmbeddedDisks::checkFolder(const std::string& folder) {
+  const auto place = placeToAttach(folder);
+  return place ? base::Result<void>() : place.error();
+}
+
+base::Result<void> EmbeddedDisks::attach(const std::string& folder, Arrival arrival) {
+  const auto place = placeToAttach(folder);
+  if (!place) return place.error();
+  const std::string& path = place->path;
   // A folder tells of its own end only once nobody holds it open, so its parent is watched as well; one of
   // the two may be unreadable.
-  ::inotify_add_watch(inotify_.get(), real->c_str(),
-                      IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD);
-  ::inotify_add_watch(inotify_.get(), parentOf(*real).c_str(), kFolderEvents);
-  if (const auto present = presentAt(*real)) depart(present);
-  std::erase_if(attached_, [&](const Place& known) { return known.path == *real; });
-  hidden_.erase(*real);
-  attached_.push_back(place);
+  ::inotify_add_watch(inotify_.get(), path.c_str(), IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD);
+  ::inotify_add_watch(inotify_.get(), parentOf(path).c_str(), kFolderEvents);
+  if (const auto present = presentAt(path)) depart(present);
+  std::erase_if(attached_, [&](const Place& known) { return known.path == path; });
+  hidden_.erase(path);
+  attached_.push_back(*place);
   rescan();
-  if (const auto present = presentAt(*real)) {
+  if (const auto present = presentAt(path)) {
     present->arrival = std::move(arrival);
   } else if (arrival) {
     later([arrival = std::move(arrival)] { arrival(false); });

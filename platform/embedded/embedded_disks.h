@@ -65,6 +65,9 @@ class EmbeddedDisks : public ports::DiskArbitration {
   // Takes the folders that are in this folder as present from the start, and watches it from now on. Once.
   base::Result<void> watchVolumesFolder(const std::string& folder);
 
+  // Whether the folder can be attached.
+  static base::Result<void> checkFolder(const std::string& folder);
+
   // Plugs in a single folder, wherever it lies, under its own name; one that is plugged in already is pulled
   // first.
   base::Result<void> attach(const std::string& folder, Arrival arrival = {});
@@ -101,6 +104,7 @@ class EmbeddedDisks : public ports::DiskArbitration {
   void readInotify();
   bool concernsVolumes(const inotify_event& event, std::string_view name) const;
 
+  static base::Result<Place> placeToAttach(const std::string& folder);
   // Folders that are volumes unless they are hidden, and other entries of the volumes folder.
   std::vector<Place> places();
   void rescan();

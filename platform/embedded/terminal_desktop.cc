@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -72,6 +72,9 @@ std::string numbered(std::size_t number, const std::string& text) {
 std::string checkBox(const ports::Alert& alert, bool ticked) {
   return numbered(alert.buttons.size() + 1, (ticked ? "[x] " : "[ ] ") + alert.suppressionTitle);
 }
+
+// A descriptor that is readable once the process has ended.
+int openProcess(pid_t process) { return static_cast<int>(::syscall(SYS_pidfd_open, process, 0)); }
 
 }  // namespace
 
@@ -291,8 +294,11 @@ void TerminalDesktop::launchApplication(const std::string& name) {
   posix_spawn_file_actions_init(&files);
   sigset_t none;
   sigemptyset(&none);
+  sigset_t all;
+  sigfillset(&all);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     posix_spawn_file_actions_addopen(&files, stream, "/dev/null", O_RDWR, 0);
   }
@@ -304,7 +310,7 @@ void TerminalDesktop::launchApplication(const std::string& name) {
   posix_spawnattr_destroy(&attributes);
   if (error != 0) return say(error);
 
-  launched_.push_back({process, posix::FileDescriptor(::pidfd_open(process, 0)), {}});
+  launched_.push_back({process, posix::FileDescriptor(openProcess(process)), {}});
   const auto launched = std::prev(launched_.end());
   launched->watch = loop_.watch(launched->end.get(), [this, launched] {
     ::waitpid(launched->process, nullptr, 0);
