@@ -30,6 +30,8 @@ struct CreateRequest {
   std::string image;
   Format format = Format::zlib;
   std::optional<Encryption> encryption{};
+  // Whether what is on disk is read back and checked before the image gets its name.
+  bool verifies = true;
   // 0: one for each processor.
   unsigned workers = 0;
   // Set at any time from any thread or signal handler; the call then ends soon with an Error.

@@ -1,12 +1,16 @@
 #include "image/os/new_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
+#include <mutex>
+#include <new>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <vector>
 
 #include "image/os/posix_error.h"
 
@@ -25,6 +29,9 @@ PathParts splitPath(const std::string& path) {
   if (slash == std::string::npos) return {".", path};
   return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
 }
+
+// A path by which an open file can be found again, whether or not it has a name.
+std::string selfPath(const FileDescriptor& file) { return "/proc/self/fd/" + std::to_string(file.number()); }
 
 base::Error existsError(const std::string& path) { return {"cannot create " + path + ": it exists already"}; }
 
@@ -102,6 +109,65 @@ class OpenFile : public base::RandomAccess {
   std::uint64_t size_;
 };
 
+// A file read past the page cache, so that what comes back is what the disk has.
+class DirectFile : public base::RandomAccess {
+ public:
+  DirectFile(FileDescriptor file, std::uint64_t size) : file_(std::move(file)), size_(size) {}
+  std::uint64_t size() const override { return size_; }
+  bool read(std::uint64_t offset, std::span<std::byte> into) const override {
+    if (offset > size_ || into.size() > size_ - offset) return false;
+    if (into.empty()) return true;
+    const std::uint64_t from = offset / kAlignment * kAlignment;
+    const std::uint64_t to = (offset + into.size() + kAlignment - 1) / kAlignment * kAlignment;
+    auto buffer = takeBuffer(to - from);
+    const bool done = readAligned(from, std::span(buffer.bytes.get(), to - from), offset + into.size());
+    if (done) std::copy_n(buffer.bytes.get() + (offset - from), into.size(), into.begin());
+    const std::lock_guard lock(mutex_);
+    spare_.push_back(std::move(buffer));
+    return done;
+  }
+
+ private:
+  static constexpr std::size_t kAlignment = 4096;
+  struct FreeAligned {
+    void operator()(std::byte* bytes) const { ::operator delete[](bytes, std::align_val_t{kAlignment}); }
+  };
+  struct Buffer {
+    std::unique_ptr<std::byte[], FreeAligned> bytes;
+    std::size_t size = 0;
+  };
+
+  Buffer takeBuffer(std::size_t size) const {
+    {
+      const std::lock_guard lock(mutex_);
+      if (!spare_.empty()) {
+        Buffer buffer = std::move(spare_.back());
+        spare_.pop_back();
+        if (buffer.size >= size) return buffer;
+      }
+    }
+    auto* const bytes = static_cast<std::byte*>(::operator new[](size, std::align_val_t{kAlignment}));
+    return {std::unique_ptr<std::byte[], FreeAligned>(bytes), size};
+  }
+
+  // The last block of a file comes back shorter; what counts is that it reaches `end`.
+  bool readAligned(std::uint64_t offset, std::span<std::byte> into, std::uint64_t end) const {
+    while (offset < end) {
+      const ssize_t got = ::pread(file_.number(), into.data(), into.size(), static_cast<off_t>(offset));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;
+      into = into.subspan(static_cast<std::size_t>(got));
+      offset += static_cast<std::uint64_t>(got);
+    }
+    return true;
+  }
+
+  FileDescriptor file_;
+  std::uint64_t size_;
+  mutable std::mutex mutex_;
+  mutable std::vector<Buffer> spare_;
+};
+
 class OwnedFile : public OpenFile {
  public:
   OwnedFile(FileDescriptor file, std::uint64_t size)
@@ -143,6 +209,8 @@ base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> byt
     if (put < 0 && errno == EINTR) continue;
     if (put < 0) return posixError("cannot write", path_, errno);
     bytes = bytes.subspan(static_cast<std::size_t>(put));
+    // The disk works while the next chunk is being made, and has little left to do at the end.
+    ::sync_file_range(file_.number(), static_cast<off_t>(offset), put, SYNC_FILE_RANGE_WRITE);
     offset += static_cast<std::uint64_t>(put);
   }
   return {};
@@ -154,16 +222,19 @@ base::Result<void> NewFile::sync() {
 }
 
 std::unique_ptr<base::RandomAccess> NewFile::contents() const {
-  ::posix_fadvise(file_.number(), 0, 0, POSIX_FADV_DONTNEED);
   struct stat status {};
   const bool known = ::fstat(file_.number(), &status) == 0;
+  FileDescriptor direct(::open(selfPath(file_).c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
+  if (known && direct)
+    return std::make_unique<DirectFile>(std::move(direct), static_cast<std::uint64_t>(status.st_size));
+  ::posix_fadvise(file_.number(), 0, 0, POSIX_FADV_DONTNEED);
   return std::make_unique<OpenFile>(file_.number(), known ? static_cast<std::uint64_t>(status.st_size) : 0);
 }
 
 base::Result<void> NewFile::giveName() {
   if (hiddenName_.empty()) {
-    const std::string self = "/proc/self/fd/" + std::to_string(file_.number());
-    if (::linkat(AT_FDCWD, self.c_str(), folder_.number(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0) return {};
+    if (::linkat(AT_FDCWD, selfPath(file_).c_str(), folder_.number(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0)
+      return {};
   } else {
     if (::renameat2(folder_.number(), hiddenName_.c_str(), folder_.number(), name_.c_str(),
                     RENAME_NOREPLACE) == 0) {
