@@ -46,11 +46,14 @@ class Creation {
     tell("scanning " + request_.source);
     auto source = os::SourceFolder::open(request_.source);
     if (!source) return source.error();
-    auto scan = source->scan({.volumeName = request_.volumeName, .cancelled = request_.cancelled});
-    if (!scan) return scan.error();
-    auto report = writeTree(scan->tree, *source, **file);
+    auto report = writeOnce(*source, **file);
+    if (!report && sourceChanged_) {
+      tell(report.error().message + "; reading everything once more");
+      sourceChanged_ = false;
+      if (auto cleared = (*file)->clear(); !cleared) return cleared.error();
+      report = writeOnce(*source, **file);
+    }
     if (!report) return report.error();
-    report->mountPoints = std::move(scan->mountPoints);
     if (request_.verifies) {
       tell("verifying " + request_.image);
       if (auto verified = verify((*file)->contents()); !verified) return verified.error();
@@ -66,10 +69,19 @@ class Creation {
 
   unsigned workers() const { return request_.workers == 0 ? os::processors() : request_.workers; }
 
-  base::Result<CreateReport> writeTree(hfs::Tree& tree, const os::SourceFolder& source, os::NewFile& file) {
-    tree.finish();
-    const auto forks = source.forks(tree);
-    auto volume = hfs::Volume::lay(tree, *forks, {.now = os::now(), .identifier = randomIdentifier()});
+  base::Result<CreateReport> writeOnce(const os::SourceFolder& source, os::NewFile& file) {
+    auto scan = source.scan({.volumeName = request_.volumeName, .cancelled = request_.cancelled});
+    if (!scan) return scan.error();
+    scan->tree.finish();
+    const auto forks = source.forks(scan->tree);
+    auto report = writeTree(scan->tree, *forks, file);
+    sourceChanged_ = forks->hasChanged();
+    if (report) report->leftOut = std::move(scan->leftOut);
+    return report;
+  }
+
+  base::Result<CreateReport> writeTree(hfs::Tree& tree, const hfs::ForkSource& forks, os::NewFile& file) {
+    auto volume = hfs::Volume::lay(tree, forks, {.now = os::now(), .identifier = randomIdentifier()});
     if (!volume) return volume.error();
     counts_ = {(*volume)->fileCount(), (*volume)->folderCount()};
     tell("writing " + std::to_string(counts_.files) + " files and " + std::to_string(counts_.folders) +
@@ -120,6 +132,7 @@ class Creation {
   }
 
   const CreateRequest& request_;
+  bool sourceChanged_ = false;
   hfs::VolumeCounts counts_;
   std::optional<crypt::ContainerKeys> keys_;
   crypt::ContainerHeader header_;

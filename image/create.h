@@ -45,8 +45,8 @@ struct CreateReport {
   std::uint64_t imageBytes = 0;
   std::uint32_t files = 0;
   std::uint32_t folders = 0;
-  // Left out because something else is mounted there.
-  std::vector<std::string> mountPoints{};
+  // What the image does not have, each with the reason.
+  std::vector<std::string> leftOut{};
 };
 
 // Makes a disk image of a folder. The image exists whole under its name, or not at all.

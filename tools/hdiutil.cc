@@ -88,8 +88,7 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
     request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };
   const auto report = image::createImage(*request);
   if (!report) return fail(host, "create", report.error().message);
-  for (const auto& mountPoint : report->mountPoints)
-    host.error << "hdiutil: " << mountPoint << " was left out: another volume is mounted there\n";
+  for (const auto& item : report->leftOut) host.error << "hdiutil: left out: " << item << "\n";
   reportCreated(request->image, arguments->has("-plist"), host.out);
   host.out.flush();
   return host.out ? kDone : fail(host, "create", "cannot write to standard output");

@@ -17,6 +17,8 @@ constexpr std::uint32_t kForkData = 0x20;
 constexpr std::size_t kMaxInlineBytes = 3802;
 
 constexpr std::string_view kUserNamespace = "user.";
+// Of the attributes that this system writes itself.
+constexpr std::string_view kOwnPrefix = "stashwick.";
 constexpr std::array<std::string_view, 5> kNamespaces{"user.", "system.", "security.", "trusted.", "osx."};
 
 bool hasNamespace(std::string_view name) {
@@ -49,7 +51,7 @@ void readNanoseconds(const Tree& tree, std::uint64_t offset, std::span<std::byte
 std::string storedAttributeName(std::string_view name) {
   if (!name.starts_with(kUserNamespace)) return std::string(name);
   const auto bare = name.substr(kUserNamespace.size());
-  return std::string(hasNamespace(bare) ? name : bare);
+  return std::string(hasNamespace(bare) || bare.starts_with(kOwnPrefix) ? name : bare);
 }
 
 std::string attributeName(std::string_view storedName) {
@@ -96,7 +98,7 @@ Attribute AttributeRecords::attributeAt(Position at) const { return attributesOf
 
 void AttributeRecords::readValue(Position at, std::uint64_t offset, std::span<std::byte> into) const {
   const Attribute attribute = attributeAt(at);
-  if (attribute.value.empty()) return readNanoseconds(tree_, offset, into);
+  if (attribute.name == kNanosecondsAttributeName) return readNanoseconds(tree_, offset, into);
   block::copyOverlap(attribute.value, 0, into, offset);
 }
 

@@ -105,8 +105,9 @@ base::Result<NodeIndex> Tree::addLink(NodeIndex folder, std::string_view name, N
 base::Result<void> Tree::addAttribute(NodeIndex node, std::string_view name,
                                       std::span<const std::byte> value) {
   constexpr std::size_t kMaxAttributeNameUnits = 127;
-  if (base::utf16FromUTF8(name).size() > kMaxAttributeNameUnits)
-    return base::Error{"the extended attribute " + std::string(name) + " has too long a name"};
+  const auto units = base::utf16FromUTF8(name);
+  if (units.size() > kMaxAttributeNameUnits || base::utf8FromUTF16(units) != name)
+    return base::Error{"the extended attribute " + std::string(name) + ": no volume can hold that name"};
   attributes_.push_back({node, static_cast<std::uint32_t>(name.size()),
                          static_cast<std::uint32_t>(value.size()), attributeBytes_.size()});
   attributeBytes_ += name;

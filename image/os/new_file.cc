@@ -216,6 +216,11 @@ base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> byt
   return {};
 }
 
+base::Result<void> NewFile::clear() {
+  if (::ftruncate(file_.number(), 0) != 0) return posixError("cannot write", path_, errno);
+  return {};
+}
+
 base::Result<void> NewFile::sync() {
   if (::fsync(file_.number()) != 0) return posixError("cannot write", path_, errno);
   return {};

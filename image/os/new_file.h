@@ -21,6 +21,8 @@ class NewFile : public block::Output {
   ~NewFile() override;
 
   base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
+  // Forgets what was written.
+  base::Result<void> clear();
   // Makes what was written durable.
   base::Result<void> sync();
   // What is on disk (after sync(), read from there anew), for any number of threads; lives no longer than the

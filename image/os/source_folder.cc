@@ -6,12 +6,15 @@
 #include <climits>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <set>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unordered_map>
 
+#include "image/hfs/attributes.h"
+#include "image/os/attribute_reader.h"
 #include "image/os/posix_error.h"
 #include "image/os/source_path.h"
 
@@ -74,9 +77,14 @@ struct HashIdentity {
 class Scanner {
  public:
   Scanner(int root, const std::string& rootPath, hfs::Tree tree)
-      : scan_{.tree = std::move(tree), .mountPoints = {}}, path_(scan_.tree, root, rootPath) {}
+      : scan_{.tree = std::move(tree), .leftOut = {}}, path_(scan_.tree, root, rootPath), root_(root) {}
 
   base::Result<Scan> run(const std::atomic<bool>* cancelled) {
+    auto ofRoot = attributes_.of(root_, ".");
+    hasAttributes_ = attributes_.areSupported();
+    if (auto added = addAttributes(hfs::kRootNode, ofRoot, [this] { return path_.textOf(hfs::kRootNode); });
+        !added)
+      return added.error();
     for (hfs::NodeIndex node = 0; node < scan_.tree.nodes().size(); ++node) {
       if (!scan_.tree.nodes()[node].isFolder() || mountPoints_.contains(node)) continue;
       if (cancelled != nullptr && *cancelled) return base::Error{"it was interrupted"};
@@ -120,7 +128,22 @@ class Scanner {
     if (!added) return base::Error{"cannot store " + text() + ": " + added.error().message};
     if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 && S_ISDIR(status.stx_mode)) {
       mountPoints_.insert(*added);
-      scan_.mountPoints.push_back(text());
+      scan_.leftOut.push_back(text() + ": another volume is mounted there");
+      return {};
+    }
+    return hasAttributes_ ? addAttributes(*added, attributes_.of(opened, name), text) : base::Result<void>();
+  }
+
+  base::Result<void> addAttributes(hfs::NodeIndex node,
+                                   const base::Result<std::vector<ReadAttribute>>& attributes,
+                                   const std::function<std::string()>& text) {
+    if (!attributes)
+      return base::Error{"cannot read the extended attributes of " + text() + ": " +
+                         attributes.error().message};
+    for (const ReadAttribute& attribute : *attributes) {
+      const auto added =
+          scan_.tree.addAttribute(node, hfs::storedAttributeName(attribute.name), attribute.value);
+      if (!added) scan_.leftOut.push_back(text() + ": " + added.error().message);
     }
     return {};
   }
@@ -138,6 +161,10 @@ class Scanner {
 
   Scan scan_;
   SourcePath path_;
+  int root_;
+  AttributeReader attributes_;
+  // File systems of most sticks have none, and need not be asked about each file.
+  bool hasAttributes_ = false;
   std::set<hfs::NodeIndex> mountPoints_;
   // Files with several names, by the first that was found.
   std::unordered_map<FileIdentity, hfs::NodeIndex, HashIdentity> linked_;
@@ -145,8 +172,8 @@ class Scanner {
 
 class SourceReader : public hfs::ForkReader {
  public:
-  SourceReader(const hfs::Tree& tree, int root, const std::string& rootPath)
-      : tree_(tree), path_(tree, root, rootPath) {}
+  SourceReader(const hfs::Tree& tree, int root, const std::string& rootPath, std::atomic<bool>& hasChanged)
+      : tree_(tree), path_(tree, root, rootPath), changed_(hasChanged) {}
 
   base::Result<block::Filled> read(hfs::NodeIndex node, std::uint64_t offset,
                                    std::span<std::byte> into) override {
@@ -167,6 +194,11 @@ class SourceReader : public hfs::ForkReader {
   }
 
  private:
+  base::Error changed(hfs::NodeIndex node) const {
+    changed_ = true;
+    return {"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
+  }
+
   base::Result<void> openFile(hfs::NodeIndex node) {
     openNode_ = hfs::kNoNode;
     const hfs::NodeIndex origin = path_.origin(node);
@@ -191,7 +223,7 @@ class SourceReader : public hfs::ForkReader {
     const hfs::Node& scanned = tree_.nodes()[node];
     if (!S_ISREG(status.stx_mode) || status.stx_size != scanned.size ||
         nanoseconds(status.stx_mtime) != scanned.times.modified)
-      return base::Error{"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
+      return changed(node);
     isSparse_ = status.stx_blocks * 512 < scanned.size;
     return {};
   }
@@ -201,8 +233,7 @@ class SourceReader : public hfs::ForkReader {
       const ssize_t got = ::pread(file_.number(), into.data(), into.size(), static_cast<off_t>(offset));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) return posixError("cannot read", path_.textOf(node), errno);
-      if (got == 0)
-        return base::Error{"cannot read " + path_.textOf(node) + ": it shrank while it was being read"};
+      if (got == 0) return changed(node);
       into = into.subspan(static_cast<std::size_t>(got));
       offset += static_cast<std::uint64_t>(got);
     }
@@ -217,8 +248,7 @@ class SourceReader : public hfs::ForkReader {
     const ssize_t length =
         ::readlinkat(*folder, name.c_str(), reinterpret_cast<char*>(target.data()), target.size());
     if (length < 0) return posixError("cannot read the symbolic link", path_.textOf(node), errno);
-    if (static_cast<std::uint64_t>(length) != tree_.nodes()[node].size)
-      return base::Error{"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
+    if (static_cast<std::uint64_t>(length) != tree_.nodes()[node].size) return changed(node);
     std::ranges::copy(std::span(target).subspan(offset, into.size()), into.begin());
     return block::Filled::data;
   }
@@ -226,6 +256,7 @@ class SourceReader : public hfs::ForkReader {
   const hfs::Tree& tree_;
   SourcePath path_;
   hfs::NodeIndex openNode_ = hfs::kNoNode;
+  std::atomic<bool>& changed_;
   FileDescriptor file_;
   bool isSparse_ = false;
 };
@@ -235,13 +266,15 @@ class SourceForks : public hfs::ForkSource {
   SourceForks(const hfs::Tree& tree, int root, const std::string& rootPath)
       : tree_(tree), root_(root), rootPath_(rootPath) {}
   std::unique_ptr<hfs::ForkReader> openReader() const override {
-    return std::make_unique<SourceReader>(tree_, root_, rootPath_);
+    return std::make_unique<SourceReader>(tree_, root_, rootPath_, changed_);
   }
+  bool hasChanged() const override { return changed_; }
 
  private:
   const hfs::Tree& tree_;
   int root_;
   const std::string& rootPath_;
+  mutable std::atomic<bool> changed_ = false;
 };
 
 }  // namespace

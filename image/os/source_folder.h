@@ -21,8 +21,8 @@ struct ScanOptions {
 
 struct Scan {
   hfs::Tree tree;
-  // Folders on which something else is mounted: in the tree, but empty.
-  std::vector<std::string> mountPoints;
+  // What the image will not have, each with the reason.
+  std::vector<std::string> leftOut;
 };
 
 // A folder that an image is made of, held open from the scan to the last read.

@@ -26,14 +26,14 @@ void putChecksum(std::optional<std::uint32_t> sum, base::ByteWriter& out) {
       .zeros(kChecksumBytes - 4);
 }
 
-// A sum of a kind that this system does not know counts as none.
-std::optional<std::uint32_t> getChecksum(base::ByteReader& in) {
+// False for a sum of a kind that the format does not have.
+bool getChecksum(base::ByteReader& in, std::optional<std::uint32_t>& sum) {
   const auto type = in.get<std::uint32_t>();
   const auto bits = in.get<std::uint32_t>();
-  const auto sum = in.get<std::uint32_t>();
+  const auto value = in.get<std::uint32_t>();
   in.skip(kChecksumBytes - 4);
-  if (type != kCRC32Checksum || bits != 32) return std::nullopt;
-  return sum;
+  if (type == kCRC32Checksum) sum = value;
+  return type == kNoChecksum || (type == kCRC32Checksum && bits == 32);
 }
 
 void putRun(const Run& run, base::ByteWriter& out) {
@@ -90,9 +90,9 @@ base::Result<BlockTable> decodeTable(std::span<const std::byte> bytes) {
   table.buffersNeeded = in.get<std::uint32_t>();
   table.descriptor = in.get<std::uint32_t>();
   in.skip(6 * 4);
-  table.checksum = getChecksum(in);
+  const bool summed = getChecksum(in, table.checksum);
   const auto count = in.get<std::uint32_t>();
-  if (!known || !in.ok() || in.remaining() / kRunBytes < count)
+  if (!known || !summed || !in.ok() || in.remaining() / kRunBytes < count)
     return base::Error{"a block table is damaged"};
   for (std::uint32_t i = 0; i < count; ++i) {
     const Run run = getRun(in);
@@ -132,13 +132,14 @@ base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> by
   in.skip(4);
   if (in.get<std::uint32_t>() > 1) return base::Error{"one segment of a disk image in several files"};
   std::ranges::copy(in.take(trailer.segmentID.size()), trailer.segmentID.begin());
-  trailer.dataChecksum = getChecksum(in);
+  const bool dataSummed = getChecksum(in, trailer.dataChecksum);
   trailer.propertyListOffset = in.get<std::uint64_t>();
   trailer.propertyListLength = in.get<std::uint64_t>();
   in.skip(120);
-  trailer.masterChecksum = getChecksum(in);
+  const bool tablesSummed = getChecksum(in, trailer.masterChecksum);
   trailer.variant = in.get<std::uint32_t>();
   trailer.sectorCount = in.get<std::uint64_t>();
+  if (!dataSummed || !tablesSummed) return base::Error{"its trailer has a checksum of an unknown kind"};
   return trailer;
 }
 

@@ -63,7 +63,9 @@ base::Result<Image> Image::open(const base::RandomAccess& file) {
   auto tables = decodeResources(*list);
   if (!tables) return tables.error();
   image.tables_ = *std::move(tables);
-  for (const BlockTable& table : image.tables_)
+  for (const BlockTable& table : image.tables_) {
+    if (!liesWithin(table.firstSector, table.sectorCount, trailer->sectorCount))
+      return base::Error{table.name + " lies outside the disk"};
     for (const Run& run : table.runs) {
       const bool isLarge = run.type != RunType::raw && isStored(run.type) && run.sectorCount > kMaxRunSectors;
       const bool inside =
@@ -71,6 +73,7 @@ base::Result<Image> Image::open(const base::RandomAccess& file) {
                                   liesWithin(image.fileOffset(table, run), run.length, file.size()));
       if (isLarge || !inside) return base::Error{"a chunk of " + table.name + " lies outside the image"};
     }
+  }
   return image;
 }
 

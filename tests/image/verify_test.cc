@@ -74,9 +74,10 @@ TEST_F(VerifyImage, noticesAFlippedByteAnywhereInTheDataFork) {
 TEST_F(VerifyImage, noticesAFlippedByteInEveryFieldOfTheTrailerThatMatters) {
   const auto file = create();
   const std::size_t trailer = file.size() - udif::kTrailerBytes;
-  // Signature, version, header size; data fork; the sums; property list.
+  // (The last byte of the property list's length only adds or drops a line end.) Signature, version, header
+  // size; data fork; its sum; property list; master sum.
   for (const auto& [from, to] :
-       std::map<std::size_t, std::size_t>{{0, 12}, {24, 40}, {80, 92}, {216, 232}, {352, 364}})
+       std::map<std::size_t, std::size_t>{{0, 12}, {24, 40}, {80, 92}, {216, 231}, {352, 364}})
     for (std::size_t at = from; at < to; ++at) {
       auto flipped = file;
       flipped[trailer + at] ^= std::byte{0x01};

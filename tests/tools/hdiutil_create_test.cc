@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "tests/tools/hdiutil_run.h"
@@ -183,6 +184,22 @@ TEST_F(HdiutilCreate, storesAHardLinkedFileOnce) {
     ASSERT_THAT(node.output, Not(IsEmpty()));
     EXPECT_EQ(runShell("icat " + shellWord(volume) + " " + node.output).output, readFile(source + "/first"));
   }
+}
+
+TEST_F(HdiutilCreate, keepsExtendedAttributesAndAccessControlLists) {
+  const auto path = write("file", "content");
+  const std::string tall(20'000, 'v');
+  ASSERT_EQ(::setxattr(path.c_str(), "user.note", "remember", 8, 0), 0);
+  ASSERT_EQ(::setxattr(path.c_str(), "user.empty", "", 0, 0), 0);
+  ASSERT_EQ(::setxattr(source.c_str(), "user.folder note", tall.data(), 3000, 0), 0);
+  ASSERT_EQ(runShell("setfacl -m u:12345:r " + shellWord(path)).status, 0);
+  mustCreate();
+  expectSoundFor7Zip();
+  const fs::path volume = unpack();
+  EXPECT_EQ(readFile(volume / "file:note"), "remember");
+  EXPECT_TRUE(fs::exists(volume / "file:empty"));
+  EXPECT_EQ(readFile(volume / "file:system.posix_acl_access").substr(0, 4), std::string("\2\0\0\0", 4));
+  EXPECT_EQ(runShell("fshfsinfo -H " + shellWord(extractVolume())).status, 0);
 }
 
 TEST_F(HdiutilCreate, losesNoFileWhereNamesCollide) {
