@@ -188,10 +188,12 @@ TEST_F(HdiutilCreate, storesAHardLinkedFileOnce) {
 
 TEST_F(HdiutilCreate, keepsExtendedAttributesAndAccessControlLists) {
   const auto path = write("file", "content");
-  const std::string tall(20'000, 'v');
+  const std::string longValue(3900, 'v');  // longer than what a node of the volume holds
+  const auto other = write("sub/other", "content");
   ASSERT_EQ(::setxattr(path.c_str(), "user.note", "remember", 8, 0), 0);
   ASSERT_EQ(::setxattr(path.c_str(), "user.empty", "", 0, 0), 0);
-  ASSERT_EQ(::setxattr(source.c_str(), "user.folder note", tall.data(), 3000, 0), 0);
+  ASSERT_EQ(::setxattr((source + "/sub").c_str(), "user.folder note", "for a folder", 12, 0), 0);
+  ASSERT_EQ(::setxattr(other.c_str(), "user.long", longValue.data(), longValue.size(), 0), 0);
   ASSERT_EQ(runShell("setfacl -m u:12345:r " + shellWord(path)).status, 0);
   mustCreate();
   expectSoundFor7Zip();
@@ -199,6 +201,8 @@ TEST_F(HdiutilCreate, keepsExtendedAttributesAndAccessControlLists) {
   EXPECT_EQ(readFile(volume / "file:note"), "remember");
   EXPECT_TRUE(fs::exists(volume / "file:empty"));
   EXPECT_EQ(readFile(volume / "file:system.posix_acl_access").substr(0, 4), std::string("\2\0\0\0", 4));
+  EXPECT_EQ(readFile(volume / "sub:folder note"), "for a folder");
+  EXPECT_EQ(readFile(volume / "sub/other:long"), longValue);
   EXPECT_EQ(runShell("fshfsinfo -H " + shellWord(extractVolume())).status, 0);
 }
 
@@ -308,6 +312,42 @@ TEST_F(HdiutilCreate, readsThePasswordUpToTheNUL) {
                      shellWord(scratch / "password") + " /dev/null")
                 .output,
             "128\n");
+}
+
+class HdiutilKilled : public HdiutilCreate {
+ protected:
+  // Ends with the signal after so many seconds.
+  ProgramResult createUntil(const std::string& signal, double seconds) {
+    return runShell("exec timeout --preserve-status -s " + signal + " " + std::to_string(seconds) +
+                    " " HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " + shellWord(image));
+  }
+};
+
+TEST_F(HdiutilKilled, leavesAWholeImageOrNone) {
+  for (int i = 0; i < 50; ++i) write("file " + std::to_string(i), noise(40'000, static_cast<unsigned>(i)));
+  std::mt19937 random(17);
+  int finished = 0;
+  for (int i = 0; i < 40; ++i) {
+    createUntil("KILL", 0.002 + 0.001 * static_cast<double>(random() % 120));
+    if (fs::exists(image)) {
+      ++finished;
+      EXPECT_EQ(leftovers(), std::vector<std::string>{"out.dmg"});
+      EXPECT_EQ(runHdiutil({"verify", image}).status, 0);
+      fs::remove(image);
+    }
+    EXPECT_THAT(leftovers(), IsEmpty());
+  }
+  EXPECT_LT(finished, 40);
+}
+
+TEST_F(HdiutilKilled, cleansUpAndSaysSoWhenItIsAskedToStop) {
+  fs::resize_file(write("hole", ""), 8ll << 40);
+  for (const char* signal : {"TERM", "INT"}) {
+    const auto run = createUntil(signal, 0.3);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "hdiutil: create failed - it was interrupted\n");
+    EXPECT_THAT(leftovers(), IsEmpty());
+  }
 }
 
 class HdiutilRefusal : public HdiutilCreate {

@@ -12,7 +12,7 @@ NAME_BYTES = 255
 # What the letters of one name are taken from.
 SCRIPTS = [
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789",
-    "ab .,-_+=()[]{}'\"!?*<>|\\@#$%^&~`;:",
+    "ab .,-+=()[]{}'\"!?*<>|\\@#$%^&~`;:",
     "äöüßéèñçåøÅÄÖŁśźżőűİıǅǆ",
     "ếộữặẫǖǘḹṩ",
     "абвгдеёжзийАБВГЁЙїў",
@@ -66,7 +66,7 @@ class TreeMaker:
             path = os.path.join(folder, self.name(folder))
             self.items_left -= 1
             kind = self.random.random()
-            if os.path.lexists(path) or len(path) > 3000:
+            if os.path.lexists(path) or len(path) > 1200:
                 continue
             if kind < 0.15:
                 os.mkdir(path)
