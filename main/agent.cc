@@ -86,10 +86,16 @@ class Arrivals {
   }
 
  private:
+  // A backup is named by the second of its start: the next one of the same volume waits for the next second.
   void attachNext() {
     const std::string folder = waiting_.front();
     waiting_.pop_front();
     ++attaching_;
+    const double wait = wanted_.secondsToNextBackup(std::filesystem::weakly_canonical(folder).filename());
+    wait > 0 ? loop_.postAfter(wait, [this, folder] { attach(folder); }) : attach(folder);
+  }
+
+  void attach(const std::string& folder) {
     const auto ended = [this, folder](bool arrived) {
       --attaching_;
       if (!arrived) complain(folder + ": the folder is gone");

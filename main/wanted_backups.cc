@@ -1,5 +1,6 @@
 #include "main/wanted_backups.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include "base/format.h"
@@ -38,6 +39,16 @@ void WantedBackups::follow(ZQAgentAppDelegate& agent, std::function<void()> sett
   // After the agent's own observer: it has asked, and started the engine, when this one is told.
   observe(&WantedBackups::arrived);
   observeQueue();
+}
+
+double WantedBackups::secondsToNextBackup(const std::string& volume) const {
+  // File systems stamp with a clock that lags by up to a tick.
+  constexpr double kTick = 0.02;
+  const auto backups = agent_->stashwick()->backupsForVolume(volume);
+  const double now = host_.dates.now().unix();
+  const double nextSecond = std::floor(now) + 1;
+  const bool isThisSecond = !backups.empty() && backups.back()->backupDate().unix() + kTick >= nextSecond - 1;
+  return isThisSecond ? nextSecond - now : 0;
 }
 
 void WantedBackups::observe(void (WantedBackups::*handler)(const ZQRemovableDevice&)) {

@@ -32,6 +32,10 @@ class WantedBackups {
   // Looks, later, whether all is settled.
   void checkLater();
 
+  // How long it takes until a backup of the volume would have a name that none in the store has: names tell
+  // seconds, and no fractions.
+  double secondsToNextBackup(const std::string& volume) const;
+
   // Volumes that the agent could ask about, so far.
   int arrivals() const { return arrivals_; }
   // Whether every backup that was wanted stands in the store.
