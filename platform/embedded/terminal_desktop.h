@@ -33,7 +33,7 @@ class TerminalDesktop : public ports::Desktop {
     bool isInteractive = false;
     // The button that answers every alert, from 0; nullopt: somebody is asked. Never nullopt where nobody is
     // there.
-    std::optional<int> automaticAnswer;
+    std::optional<int> automaticAnswer{};
     // Whether an automatic answer also ticks the check box.
     bool automaticallySuppresses = false;
   };
