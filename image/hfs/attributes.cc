@@ -25,27 +25,6 @@ bool hasNamespace(std::string_view name) {
   return std::ranges::any_of(kNamespaces, [name](std::string_view space) { return name.starts_with(space); });
 }
 
-bool hasNanoseconds(const Tree& tree, NodeIndex node) { return node == kRootNode && tree.hasFractions(); }
-
-void storeFractions(const Times& times, std::span<std::byte> entry) {
-  constexpr std::int64_t kNanoseconds = 1'000'000'000;
-  std::size_t at = 0;
-  for (const std::int64_t time : {times.created, times.modified, times.changed, times.accessed}) {
-    const std::int64_t fraction = (time % kNanoseconds + kNanoseconds) % kNanoseconds;
-    base::storeBigEndian(entry.data() + at, static_cast<std::uint32_t>(fraction));
-    at += 4;
-  }
-}
-
-void readNanoseconds(const Tree& tree, std::uint64_t offset, std::span<std::byte> into) {
-  std::array<std::byte, kNanosecondsEntryBytes> entry;
-  const std::uint64_t end = offset + into.size();
-  for (std::uint64_t node = offset / entry.size(); node * entry.size() < end; ++node) {
-    storeFractions(tree.nodes()[node].times, entry);
-    block::copyOverlap(entry, node * entry.size(), into, offset);
-  }
-}
-
 }  // namespace
 
 std::string storedAttributeName(std::string_view name) {
@@ -63,16 +42,11 @@ std::vector<Attribute> attributesOf(const Tree& tree, NodeIndex node) {
   std::vector<Attribute> attributes;
   for (const auto& kept : tree.attributesOf(node)) {
     const auto value = tree.valueOf(kept);
-    attributes.push_back(
-        {base::utf16FromUTF8(tree.nameOf(kept)), value.size(), {value.begin(), value.end()}});
+    attributes.push_back({base::utf16FromUTF8(tree.nameOf(kept)), {value.begin(), value.end()}});
   }
   if (const Original original = originalOf(tree, node); !original.empty()) {
-    auto bytes = encodeOriginal(original);
-    attributes.push_back({std::u16string(Original::kAttributeName), bytes.size(), std::move(bytes)});
+    attributes.push_back({std::u16string(Original::kAttributeName), encodeOriginal(original)});
   }
-  if (hasNanoseconds(tree, node))
-    attributes.push_back(
-        {std::u16string(kNanosecondsAttributeName), tree.nodes().size() * kNanosecondsEntryBytes});
   std::ranges::sort(attributes, {}, &Attribute::name);
   return attributes;
 }
@@ -85,7 +59,8 @@ std::uint32_t attributeCount(const Tree& tree, NodeIndex node) {
 AttributeRecords::AttributeRecords(const Tree& tree, std::uint32_t blockBytes)
     : tree_(tree), blockBytes_(blockBytes) {
   for (Position at = begin(); at != end(); at = next(at))
-    if (const auto bytes = attributeAt(at).size; bytes > kMaxInlineBytes) longValues_.push_back({at, bytes});
+    if (const auto bytes = attributeAt(at).value.size(); bytes > kMaxInlineBytes)
+      longValues_.push_back({at, bytes});
 }
 
 AttributeRecords::Position AttributeRecords::skipEmpty(Position at) const {
@@ -97,9 +72,7 @@ AttributeRecords::Position AttributeRecords::skipEmpty(Position at) const {
 Attribute AttributeRecords::attributeAt(Position at) const { return attributesOf(tree_, at.major)[at.minor]; }
 
 void AttributeRecords::readValue(Position at, std::uint64_t offset, std::span<std::byte> into) const {
-  const Attribute attribute = attributeAt(at);
-  if (attribute.name == kNanosecondsAttributeName) return readNanoseconds(tree_, offset, into);
-  block::copyOverlap(attribute.value, 0, into, offset);
+  block::copyOverlap(attributeAt(at).value, 0, into, offset);
 }
 
 RecordSource::Sizes AttributeRecords::sizes(Position at) const {

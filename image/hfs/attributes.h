@@ -18,8 +18,6 @@ std::string attributeName(std::string_view storedName);
 
 struct Attribute {
   std::u16string name;
-  std::uint64_t size = 0;
-  // Empty for the root folder's table of nanoseconds, which is made piece by piece.
   std::vector<std::byte> value{};
 };
 

@@ -32,13 +32,6 @@ std::vector<std::byte> encodeOriginal(const Original& original);
 // nullopt when the bytes are damaged.
 std::optional<Original> decodeOriginal(std::span<const std::byte> bytes);
 
-// The fractions of all dates, which the volume's own fields cannot hold, travel in one attribute of the root
-// folder: for each item 16 bytes, the nanoseconds of created, modified, changed, accessed, big-endian. The
-// root folder's come first, then those of catalog node 16, 17, ... up to the last. Left out where all are
-// zero.
-constexpr std::u16string_view kNanosecondsAttributeName = u"stashwick.nanoseconds";
-constexpr std::size_t kNanosecondsEntryBytes = 16;
-
 // What has to be kept of a node of a finished tree.
 Original originalOf(const Tree& tree, NodeIndex node);
 

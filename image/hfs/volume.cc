@@ -5,6 +5,7 @@
 #include <string>
 
 #include "image/block/zeros.h"
+#include "image/hfs/nanoseconds.h"
 
 namespace image::hfs {
 namespace {
@@ -71,6 +72,7 @@ base::Result<void> Volume::placeEverything(Tree& tree) {
   count(extents_.size());
   count(catalog_.size());
   count(attributes_.size());
+  count(nanosecondsBytes(tree));
   for (const auto& value : attributeRecords_.longValues()) count(value.size);
   for (const Node& node : tree.nodes()) count(node.size);
   std::uint64_t mapBlocks = 1;
@@ -86,6 +88,7 @@ base::Result<void> Volume::placeEverything(Tree& tree) {
   catalogFork_ = placeFork(catalog_.size());
   attributesFork_ = placeFork(attributes_.size());
   for (auto& value : attributeRecords_.longValues()) value.firstBlock = placeFork(value.size).firstBlock;
+  startupFork_ = placeFork(nanosecondsBytes(tree));
   firstDataBlock_ = nextBlock_;
   for (NodeIndex node = 0; node < tree.nodes().size(); ++node) {
     if (!tree.nodes()[node].hasData()) continue;
@@ -115,7 +118,7 @@ std::array<std::byte, 512> Volume::makeHeader() const {
   putFork(extentsFork_, extents_.nodeBytes(), out);
   putFork(catalogFork_, catalog_.nodeBytes(), out);
   putFork(attributesFork_, attributes_.nodeBytes(), out);
-  out.zeros(80);  // no startup file
+  putFork(startupFork_, blockBytes_, out);
   std::array<std::byte, 512> header{};
   std::ranges::copy(bytes, header.begin());
   return header;
@@ -151,6 +154,14 @@ class Volume::Reader : public block::ContentReader {
     fillTree(volume_.catalog_, volume_.catalogFork_, offset, into);
     fillTree(volume_.attributes_, volume_.attributesFork_, offset, into);
     fillLongValues(offset, into);
+    fillNanoseconds(offset, into);
+  }
+
+  void fillNanoseconds(std::uint64_t offset, std::span<std::byte> into) {
+    const std::uint64_t begin = offsetOf(volume_.startupFork_.firstBlock);
+    const std::uint64_t from = std::max(offset, begin);
+    const std::uint64_t to = std::min(offset + into.size(), begin + volume_.startupFork_.size);
+    if (from < to) readNanoseconds(volume_.tree_, from - begin, into.subspan(from - offset, to - from));
   }
 
   void fillLongValues(std::uint64_t offset, std::span<std::byte> into) {

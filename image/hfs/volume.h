@@ -39,8 +39,9 @@ struct VolumeOptions {
 };
 
 // A complete HFS+ (or HFSX) volume made of a tree, laid out without fragments: volume header, allocation
-// file, extents overflow file, catalog file, attributes file with its long values, the files' data in the
-// order of the tree, a little free space, alternate volume header (TN1150).
+// file, extents overflow file, catalog file, attributes file with its long values, startup file (see
+// nanosecondsBytes()), the files' data in the order of the tree, a little free space, alternate volume header
+// (TN1150).
 class Volume : public block::Content {
  public:
   // Places the files of the finished tree. Tree and forks outlive the volume.
@@ -80,6 +81,7 @@ class Volume : public block::Content {
   Fork extentsFork_;
   Fork catalogFork_;
   Fork attributesFork_;
+  Fork startupFork_;
   // Blocks from here to nextBlock_ are the files' data.
   std::uint64_t firstDataBlock_ = 0;
   // Nodes with data, by their first block.

@@ -19,6 +19,7 @@ namespace {
 constexpr std::uint32_t kExtentsFileID = 3;
 constexpr std::uint32_t kCatalogFileID = 4;
 constexpr std::uint32_t kAllocationFileID = 6;
+constexpr std::uint32_t kStartupFileID = 7;
 constexpr std::uint32_t kAttributesFileID = 8;
 constexpr std::uint32_t kRootFolderID = 2;
 constexpr std::uint32_t kRootParentID = 1;
@@ -337,6 +338,8 @@ class Check {
   base::Result<void> checkAllocation() {
     auto extents = claim(kAllocationFileID, kDataFork, header_.allocation);
     if (!extents) return extents.error();
+    if (auto startup = claim(kStartupFileID, kDataFork, header_.startupFile); !startup)
+      return startup.error();
     if (!overflow_.empty())
       return base::Error{"overflow records of " + item(overflow_.begin()->first.first) + " have no file"};
     const ForkView fork(volume_, header_.blockBytes, header_.allocation.size, *extents);

@@ -75,6 +75,7 @@ base::Result<VolumeHeader> VolumeHeader::decode(std::span<const std::byte> bytes
   header.extentsOverflow = getFork(in);
   header.catalog = getFork(in);
   header.attributesFile = getFork(in);
+  header.startupFile = getFork(in);
   if (!in.ok() || header.blockBytes < 512 || !std::has_single_bit(header.blockBytes) ||
       header.volumeBytes() > volumeBytes || header.freeBlocks > header.totalBlocks)
     return base::Error{"the volume header contradicts itself"};

@@ -40,6 +40,7 @@ struct VolumeHeader {
   ForkRecord extentsOverflow;
   ForkRecord catalog;
   ForkRecord attributesFile;
+  ForkRecord startupFile;
 
   std::uint64_t volumeBytes() const { return std::uint64_t{blockBytes} * totalBlocks; }
   // A header of a volume of that many bytes; refuses numbers that contradict each other.

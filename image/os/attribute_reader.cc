@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sched.h>
 #include <string_view>
 #include <sys/xattr.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace image::os {
 namespace {
@@ -13,9 +15,15 @@ base::Error lastError() { return {std::generic_category().message(errno)}; }
 
 }  // namespace
 
-base::Result<std::vector<ReadAttribute>> AttributeReader::of(int folder, const char* name) {
-  // There is no call that takes a folder and a name.
-  const std::string path = "/proc/self/fd/" + std::to_string(folder) + "/" + name;
+AttributeReader::AttributeReader() : hasOwnDirectory_(::unshare(CLONE_FS) == 0) {}
+
+void AttributeReader::enter(int folder) {
+  const bool inside = hasOwnDirectory_ && ::fchdir(folder) == 0;
+  prefix_ = inside ? "" : "/proc/self/fd/" + std::to_string(folder) + "/";
+}
+
+base::Result<std::vector<ReadAttribute>> AttributeReader::of(const char* name) {
+  const std::string path = prefix_ + name;
   ssize_t length = 0;
   while ((length = ::llistxattr(path.c_str(), names_.data(), names_.size())) < 0 && errno == ERANGE)
     names_.resize(names_.size() * 2);

@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
+#include <future>
 #include <memory>
 #include <set>
 #include <sys/stat.h>
@@ -80,7 +81,8 @@ class Scanner {
       : scan_{.tree = std::move(tree), .leftOut = {}}, path_(scan_.tree, root, rootPath), root_(root) {}
 
   base::Result<Scan> run(const std::atomic<bool>* cancelled) {
-    auto ofRoot = attributes_.of(root_, ".");
+    attributes_.enter(root_);
+    auto ofRoot = attributes_.of(".");
     hasAttributes_ = attributes_.areSupported();
     if (auto added = addAttributes(hfs::kRootNode, ofRoot, [this] { return path_.textOf(hfs::kRootNode); });
         !added)
@@ -101,6 +103,7 @@ class Scanner {
     const std::unique_ptr<DIR, CloseFolder> entries(own ? ::fdopendir(own.number()) : nullptr);
     if (!entries) return posixError("cannot list the folder", path_.textOf(folder), errno);
     own.release();
+    attributes_.enter(*opened);
     while (true) {
       errno = 0;
       const dirent* entry = ::readdir(entries.get());
@@ -131,7 +134,7 @@ class Scanner {
       scan_.leftOut.push_back(text() + ": another volume is mounted there");
       return {};
     }
-    return hasAttributes_ ? addAttributes(*added, attributes_.of(opened, name), text) : base::Result<void>();
+    return hasAttributes_ ? addAttributes(*added, attributes_.of(name), text) : base::Result<void>();
   }
 
   base::Result<void> addAttributes(hfs::NodeIndex node,
@@ -289,7 +292,13 @@ base::Result<Scan> SourceFolder::scan(const ScanOptions& options) const {
   struct statx status {};
   if (::statx(root_.number(), "", AT_EMPTY_PATH, kStatusMask, &status) != 0)
     return posixError("cannot look at", path_, errno);
-  return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status))).run(options.cancelled);
+  // In a thread of its own, whose working directory nobody else needs.
+  return std::async(std::launch::async,
+                    [&] {
+                      return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status)))
+                          .run(options.cancelled);
+                    })
+      .get();
 }
 
 std::unique_ptr<hfs::ForkSource> SourceFolder::forks(const hfs::Tree& tree) const {

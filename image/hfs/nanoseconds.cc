@@ -1,0 +1,41 @@
+#include "image/hfs/nanoseconds.h"
+
+#include <array>
+#include <string_view>
+
+#include "base/byte_order.h"
+#include "image/block/zeros.h"
+
+namespace image::hfs {
+namespace {
+
+constexpr std::string_view kSignature = "stashwick.nsec.1";
+constexpr std::size_t kEntryBytes = 16;
+static_assert(kSignature.size() == kEntryBytes);
+
+std::array<std::byte, kEntryBytes> entryOf(const Times& times) {
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  std::array<std::byte, kEntryBytes> entry;
+  std::size_t at = 0;
+  for (const std::int64_t time : {times.created, times.modified, times.changed, times.accessed}) {
+    const std::int64_t fraction = (time % kNanoseconds + kNanoseconds) % kNanoseconds;
+    base::storeBigEndian(entry.data() + at, static_cast<std::uint32_t>(fraction));
+    at += 4;
+  }
+  return entry;
+}
+
+}  // namespace
+
+std::uint64_t nanosecondsBytes(const Tree& tree) {
+  return tree.hasFractions() ? kSignature.size() + tree.nodes().size() * kEntryBytes : 0;
+}
+
+void readNanoseconds(const Tree& tree, std::uint64_t offset, std::span<std::byte> into) {
+  block::copyOverlap(std::as_bytes(std::span(kSignature)), 0, into, offset);
+  const std::uint64_t end = offset + into.size();
+  for (std::uint64_t at = std::max(offset / kEntryBytes, std::uint64_t{1}); at * kEntryBytes < end; ++at)
+    block::copyOverlap(entryOf(tree.nodes()[at - 1].times), at * kEntryBytes, into, offset);
+}
+
+}  // namespace image::hfs
