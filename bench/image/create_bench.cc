@@ -1,172 +1,209 @@
-// Times the creation of disk images beside the tools that people would use instead, on trees of its own
-// making:
-//   image_create_bench FOLDER [ROUNDS]
-// FOLDER needs about 5 GB of room and is where the trees, copies and images go. Prints the best of ROUNDS
-// (default 3) wall times in seconds, and sizes.
-#include <chrono>
+// Times the creation of disk images beside what people would use instead, side by side in one run:
+//   image_create_bench FOLDER [--quick] [--rounds N] [--threads N]... [--only TREE]... [--million]
+// FOLDER needs 5 GB of room; the trees are made there once and stay. --million adds a tree of 1,000,000 empty
+// files. Prints for each tree the best wall time of N rounds (default 3) in which the contenders take turns.
+//   image_create_bench create SOURCE IMAGE [verified] [encrypted]
+// makes one image with what the tool does not let users leave out.
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <random>
 #include <string>
-#include <sys/resource.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
+#include "bench/image/measured_run.h"
+#include "bench/image/trees.h"
 #include "image/create.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string noise(std::size_t count, std::mt19937_64& random) {
-  std::string bytes(count, '\0');
-  for (std::size_t i = 0; i + 8 <= count; i += 8) {
-    const std::uint64_t word = random();
-    std::copy_n(reinterpret_cast<const char*>(&word), 8, bytes.begin() + static_cast<std::ptrdiff_t>(i));
-  }
-  return bytes;
+int createOne(const std::vector<std::string_view>& arguments) {
+  image::CreateRequest request{
+      .source = std::string(arguments.at(0)), .volumeName = "V", .image = std::string(arguments.at(1))};
+  request.verifies = std::ranges::find(arguments, "verified") != arguments.end();
+  if (std::ranges::find(arguments, "encrypted") != arguments.end())
+    request.encryption.emplace(image::Encryption{image::crypt::Method::aes256, base::Secret("password")});
+  const auto report = image::createImage(request);
+  if (!report) std::cerr << report.error().message << "\n";
+  return report ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-std::string prose(std::size_t count, std::mt19937_64& random) {
-  static const std::vector<std::string> words = [] {
-    std::mt19937_64 letters(1);
-    std::vector<std::string> made;
-    for (int i = 0; i < 4000; ++i) {
-      std::string word;
-      for (std::size_t n = 2 + letters() % 9; n-- > 0;) word += static_cast<char>('a' + letters() % 26);
-      made.push_back(word + " ");
-    }
-    return made;
-  }();
-  std::string text;
-  while (text.size() < count) text += words[std::min(random() % words.size(), random() % words.size())];
-  text.resize(count);
-  return text;
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-// 3,000 files, 500 MB, half of it incompressible.
-void makeMixed(const fs::path& tree) {
-  std::mt19937_64 random(2);
-  for (int i = 0; i < 3000; ++i) {
-    const std::size_t size = 20'000 + random() % 294'000;
-    writeFile(tree / std::to_string(i / 100) / ("file " + std::to_string(i)),
-              i % 2 == 0 ? noise(size, random) : prose(size, random));
-  }
-}
-
-// 60,000 text files, 440 MB as file systems allocate them.
-void makeSmall(const fs::path& tree) {
-  std::mt19937_64 random(3);
-  for (int i = 0; i < 60'000; ++i)
-    writeFile(tree / std::to_string(i / 200) / ("note " + std::to_string(i) + ".txt"),
-              prose(500 + random() % 10'000, random));
-}
-
-// 20 files, 672 MB, mostly noise, some zeros and holes.
-void makeLarge(const fs::path& tree) {
-  std::mt19937_64 random(4);
-  for (int i = 0; i < 20; ++i) {
-    const fs::path path = tree / ("film " + std::to_string(i));
-    writeFile(path, noise(30'000'000, random) + std::string(1'800'000, '\0'));
-    fs::resize_file(path, 33'600'000);
-  }
-}
-
-double timed(const std::function<void()>& action) {
-  const auto begin = std::chrono::steady_clock::now();
-  action();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
-void shell(const std::string& line) {
-  if (std::system((line + " > /dev/null 2>&1").c_str()) != 0) std::cerr << "failed: " << line << "\n";
-}
-
-struct Contender {
-  std::string name;
-  // Makes `out` from `tree`.
-  std::function<void(const fs::path& tree, const fs::path& out)> make;
+struct Options {
+  fs::path folder;
+  double share = 1;
+  int rounds = 3;
+  std::vector<int> threads{};
+  std::vector<std::string> only{};
+  bool million = false;
 };
 
-Contender ours(const std::string& name, unsigned workers, bool verifies, bool encrypts) {
-  return {name, [=](const fs::path& tree, const fs::path& out) {
-            image::CreateRequest request{
-                .source = tree, .volumeName = "V", .image = out, .verifies = verifies, .workers = workers};
-            if (encrypts)
-              request.encryption.emplace(
-                  image::Encryption{image::crypt::Method::aes256, base::Secret("password")});
-            if (const auto report = image::createImage(request); !report)
-              std::cerr << report.error().message << "\n";
+// Who takes part, with the command that makes `out` of `tree` on so many processors.
+struct Contender {
+  std::string name;
+  std::function<bench::Command(const std::string& tree, const std::string& out, int threads)> command;
+  // Only its size matters: it runs in the first round and not again.
+  bool isSlow = false;
+};
+
+Contender shell(const std::string& name, const std::string& line) {
+  return {name, [line](const auto& tree, const auto& out, int threads) {
+            return bench::Command{"sh", "-c", line, "sh", tree, out, std::to_string(threads)};
           }};
 }
 
-std::uintmax_t sizeOf(const fs::path& path) {
-  if (!fs::is_directory(path)) return fs::file_size(path);
-  std::uintmax_t bytes = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(path))
-    if (entry.is_regular_file()) bytes += entry.file_size();
-  return bytes;
+Contender ours(const std::string& name, const bench::Command& words) {
+  return {name, [words](const auto& tree, const auto& out, int) {
+            bench::Command command{"/proc/" + std::to_string(::getpid()) + "/exe", "create", tree, out};
+            command.insert(command.end(), words.begin(), words.end());
+            return command;
+          }};
 }
 
-void race(const std::string& treeName, const fs::path& folder, int rounds) {
-  const fs::path tree = folder / treeName;
-  const fs::path out = folder / "out.dmg";
-  const std::vector<Contender> contenders{
-      {"cp -a; sync",
-       [](const fs::path& t, const fs::path& o) {
-         shell("cp -a '" + t.string() + "' '" + o.string() + "'; sync -f '" + o.string() + "'");
-       }},
-      {"mksquashfs gzip 1",
-       [](const fs::path& t, const fs::path& o) {
-         shell("mksquashfs '" + t.string() + "' '" + o.string() +
-               "' -comp gzip -Xcompression-level 1 -no-progress");
-       }},
-      ours("hdiutil, verified", 4, true, false),
-      ours("hdiutil, verified, 2 threads", 2, true, false),
-      ours("hdiutil, not verified", 4, false, false),
-      ours("hdiutil, not verified, AES-256", 4, false, true)};
-  std::vector<double> best(contenders.size(), 1e9);
-  std::vector<std::uintmax_t> sizes(contenders.size());
-  for (int round = 0; round < rounds; ++round)
-    for (std::size_t i = 0; i < contenders.size(); ++i) {
-      best[i] = std::min(best[i], timed([&] { contenders[i].make(tree, out); }));
-      sizes[i] = sizeOf(out);
-      fs::remove_all(out);
-      shell("sync");
-    }
-  for (std::size_t i = 0; i < contenders.size(); ++i)
-    std::printf("%-6s  %-32s %7.2f s  %6.1f MB  %5.2f of cp  %5.2f of mksquashfs\n", treeName.c_str(),
-                contenders[i].name.c_str(), best[i], static_cast<double>(sizes[i]) / 1e6, best[i] / best[0],
-                best[i] / best[1]);
+Contender slow(Contender contender) {
+  contender.isSlow = true;
+  return contender;
+}
+
+constexpr const char* kSquash = "mksquashfs \"$1\" \"$2\" -no-progress -processors \"$3\" -comp gzip";
+
+std::vector<Contender> imageContenders() {
+  const std::string create = HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder \"$1\"";
+  return {
+      shell("cp -a; sync", "cp -a \"$1\" \"$2\" && sync -f \"$2\""),
+      shell("mksquashfs gzip 1", std::string(kSquash) + " -Xcompression-level 1"),
+      shell("mksquashfs gzip", kSquash),
+      shell("hdiutil create", create + " \"$2.dmg\" && mv \"$2.dmg\" \"$2\""),
+      shell("hdiutil create AES-256",
+            create + " -encryption AES-256 -stdinpass \"$2.dmg\" <<E && mv \"$2.dmg\" \"$2\"\npassword\nE"),
+      ours("unverified", {}),
+      ours("unverified AES-256", {"encrypted"})};
+}
+
+std::vector<Contender> scanContenders() {
+  const std::string create = HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder \"$1\"";
+  return {shell("find -printf %s", "find \"$1\" -printf %s > \"$2\""),
+          shell("hdiutil create", create + " \"$2.dmg\" && mv \"$2.dmg\" \"$2\""), ours("unverified", {})};
+}
+
+double megabytes(const fs::path& path) {
+  if (!fs::is_directory(path)) return static_cast<double>(fs::file_size(path)) / 1e6;
+  double sum = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(path))
+    if (entry.is_regular_file()) sum += static_cast<double>(entry.file_size()) / 1e6;
+  return sum;
+}
+
+struct Score {
+  bench::Measured best{1e9, 0};
+  double size = 0;
+};
+
+void runOnce(const Contender& contender, const fs::path& tree, const fs::path& out, int threads,
+             Score& score) {
+  auto command = contender.command(tree, out, threads);
+  command.insert(command.begin(), {"taskset", "-c", "0-" + std::to_string(threads - 1)});
+  fs::remove_all(out);
+  ::sync();
+  if (const auto run = bench::measure(command)) {
+    score.best.seconds = std::min(score.best.seconds, run->seconds);
+    score.best.peakMegabytes = std::max(score.best.peakMegabytes, run->peakMegabytes);
+    score.size = megabytes(out);
+  }
+  fs::remove_all(out);
+}
+
+void race(const std::vector<Contender>& contenders, const fs::path& tree, const Options& options,
+          int threads) {
+  std::vector<Score> scores(contenders.size());
+  for (int round = 0; round < options.rounds; ++round)
+    for (std::size_t i = 0; i < contenders.size(); ++i)
+      if (round == 0 || !contenders[i].isSlow)
+        runOnce(contenders[i], tree, options.folder / "out", threads, scores[i]);
+  std::printf("\n%s, %d threads, best of %d\n", tree.filename().c_str(), threads, options.rounds);
+  std::printf("%-24s %8s %8s %8s %8s %8s %8s\n", "", "seconds", "of 1st", "of 2nd", "MB", "of 2nd",
+              "peak MB");
+  for (std::size_t i = 0; i < contenders.size(); ++i) {
+    const Score& score = scores[i];
+    std::printf("%-24s %8.2f %8.2f %8.2f %8.1f %8.3f %8.0f\n", contenders[i].name.c_str(), score.best.seconds,
+                score.best.seconds / scores[0].best.seconds, score.best.seconds / scores[1].best.seconds,
+                score.size, score.size / scores[1].size, score.best.peakMegabytes);
+  }
   std::fflush(stdout);
+}
+
+// In a process of its own, whose memory does not count as that of the contenders started later. A tree counts
+// as made once it has its name.
+void makeTree(const fs::path& tree, double share, void (*make)(const fs::path&, double)) {
+  if (fs::exists(tree)) return;
+  const fs::path unfinished = tree.string() + ".unfinished";
+  fs::remove_all(unfinished);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    make(unfinished, share);
+    ::_exit(0);
+  }
+  ::waitpid(child, nullptr, 0);
+  fs::rename(unfinished, tree);
+}
+
+void warm(const fs::path& tree) {
+  bench::measure({"sh", "-c", "find \"$1\" -type f -print0 | xargs -0 cat", "sh", tree});
+}
+
+int runAll(const Options& options) {
+  struct Kind {
+    std::string name;
+    void (*make)(const fs::path&, double);
+    bool isScan;
+  };
+  std::vector<Kind> kinds{{"mixed", bench::makeMixedTree, false},
+                          {"small", bench::makeSmallTree, false},
+                          {"large", bench::makeLargeTree, false}};
+  if (options.million) kinds.push_back({"million", bench::makeEmptyTree, true});
+  for (const auto& [name, make, isScan] : kinds) {
+    if (!options.only.empty() && std::ranges::find(options.only, name) == options.only.end()) continue;
+    const fs::path tree = options.folder / (options.share < 1 ? name + " quick" : name);
+    makeTree(tree, options.share, make);
+    warm(tree);
+    for (const int threads : options.threads)
+      race(isScan ? scanContenders() : imageContenders(), tree, options, threads);
+  }
+  return EXIT_SUCCESS;
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count < 2) {
-    std::cerr << "usage: image_create_bench FOLDER [ROUNDS]\n";
+  const std::vector<std::string_view> words(arguments + 1, arguments + count);
+  if (words.size() >= 3 && words[0] == "create") return createOne({words.begin() + 1, words.end()});
+  Options options;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const auto value = [&] { return i + 1 < words.size() ? std::string(words[++i]) : std::string(); };
+    if (words[i] == "--quick")
+      options.share = 0.1;
+    else if (words[i] == "--million")
+      options.million = true;
+    else if (words[i] == "--rounds")
+      options.rounds = std::atoi(value().c_str());
+    else if (words[i] == "--threads")
+      options.threads.push_back(std::atoi(value().c_str()));
+    else if (words[i] == "--only")
+      options.only.push_back(value());
+    else
+      options.folder = words[i];
+  }
+  if (options.threads.empty()) options.threads = {4, 2};
+  if (options.folder.empty() || options.rounds < 1 || std::ranges::min(options.threads) < 1) {
+    std::cerr << "usage: image_create_bench FOLDER [--quick] [--rounds N] [--threads N]... [--only TREE]... "
+                 "[--million]\n";
     return 64;
   }
-  const fs::path folder = arguments[1];
-  const int rounds = count > 2 ? std::atoi(arguments[2]) : 3;
-  const std::vector<std::pair<std::string, std::function<void(const fs::path&)>>> trees{
-      {"mixed", makeMixed}, {"small", makeSmall}, {"large", makeLarge}};
-  for (const auto& [name, make] : trees) {
-    if (!fs::exists(folder / name)) make(folder / name);
-    race(name, folder, rounds);
-  }
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  std::printf("peak memory of the library: %ld MB\n", usage.ru_maxrss / 1024);
-  return 0;
+  fs::create_directories(options.folder);
+  return runAll(options);
 }
