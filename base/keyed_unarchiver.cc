@@ -51,7 +51,7 @@ class KeyedUnarchiver {
   Result<Index> open() {
     auto reader = BinaryObjectReader::open(file_);
     if (!reader) return failure(reader.error().message);
-    reader_ = std::move(*reader);
+    reader_ = *reader;
     Budget budget = newBudget();
     const Index top = reader_->topObject();
     const auto archiver = member(top, "$archiver", budget);
