@@ -2,6 +2,8 @@
 
 #include <array>
 #include <future>
+#include <map>
+#include <utility>
 
 #include "base/byte_order.h"
 #include "image/block/partitioned_disk.h"
@@ -47,9 +49,7 @@ class Creation {
     auto source = os::SourceFolder::open(request_.source);
     if (!source) return source.error();
     auto report = writeOnce(*source, **file);
-    if (!report && sourceChanged_) {
-      tell(report.error().message + "; reading everything once more");
-      sourceChanged_ = false;
+    for (bool readAgain = false; readsAnew(report, readAgain);) {
       if (auto cleared = (*file)->clear(); !cleared) return cleared.error();
       report = writeOnce(*source, **file);
     }
@@ -69,14 +69,32 @@ class Creation {
 
   unsigned workers() const { return request_.workers == 0 ? os::processors() : request_.workers; }
 
+  // A source that changed is read once more; one with files that turned out unreadable is read without them.
+  bool readsAnew(const base::Result<CreateReport>& report, bool& readAgain) {
+    const bool changed = !report && sourceChanged_ && !std::exchange(readAgain, true);
+    const bool lessThanBefore = report && foundUnreadable_;
+    if (changed) tell(report.error().message + "; reading everything once more");
+    if (lessThanBefore) tell("some files cannot be read; reading everything else once more");
+    return changed || lessThanBefore;
+  }
+
   base::Result<CreateReport> writeOnce(const os::SourceFolder& source, os::NewFile& file) {
-    auto scan = source.scan({.volumeName = request_.volumeName, .cancelled = request_.cancelled});
+    os::ScanOptions options{.volumeName = request_.volumeName,
+                            .cancelled = request_.cancelled,
+                            .skipsUnreadable = request_.skipsUnreadable};
+    for (const auto& [path, reason] : unreadable_) options.unreadable.insert(path);
+    auto scan = source.scan(options);
     if (!scan) return scan.error();
     scan->tree.finish();
-    const auto forks = source.forks(scan->tree);
+    const auto forks = source.forks(scan->tree, request_.skipsUnreadable);
     auto report = writeTree(scan->tree, *forks, file);
     sourceChanged_ = forks->hasChanged();
-    if (report) report->leftOut = std::move(scan->leftOut);
+    const auto found = forks->unreadable();
+    foundUnreadable_ = !found.empty();
+    unreadable_.insert(found.begin(), found.end());
+    if (!report) return report;
+    report->leftOut = std::move(scan->leftOut);
+    for (const auto& [path, reason] : unreadable_) report->leftOut.push_back(reason);
     return report;
   }
 
@@ -133,6 +151,9 @@ class Creation {
 
   const CreateRequest& request_;
   bool sourceChanged_ = false;
+  bool foundUnreadable_ = false;
+  // By path, with the reason.
+  std::map<std::string, std::string> unreadable_;
   hfs::VolumeCounts counts_;
   std::optional<crypt::ContainerKeys> keys_;
   crypt::ContainerHeader header_;

@@ -30,6 +30,8 @@ struct CreateRequest {
   std::string image;
   Format format = Format::zlib;
   std::optional<Encryption> encryption{};
+  // Leaves out what cannot be read and reports it, instead of failing.
+  bool skipsUnreadable = false;
   // Whether what is on disk is read back and checked before the image gets its name.
   bool verifies = true;
   // 0: one for each processor.

@@ -18,7 +18,8 @@ constexpr int kNotUnderstood = 64;
 
 constexpr std::string_view kUsage =
     "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
-    "                      [-encryption AES-128|AES-256 -stdinpass] [-plist] [-verbose] IMAGE\n"
+    "                      [-encryption AES-128|AES-256 -stdinpass] [-skipunreadable] [-plist]\n"
+    "                      [-verbose] IMAGE\n"
     "       hdiutil verify [-stdinpass] [-verbose] IMAGE\n"
     "       hdiutil imageinfo [-stdinpass] [-plist] IMAGE\n";
 
@@ -73,7 +74,7 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   const auto arguments =
       Arguments::parse(given, 1,
                        {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-encryption"},
-                        .alone = {"-plist", "-verbose", "-stdinpass"}});
+                        .alone = {"-plist", "-verbose", "-stdinpass", "-skipunreadable"}});
   if (!arguments) return fail(host, "create", arguments.error().message, kNotUnderstood);
   auto request = createRequest(*arguments);
   if (!request) {
@@ -84,6 +85,7 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   if (!encryption) return fail(host, "create", encryption.error().message, kNotUnderstood);
   request->encryption = std::move(*encryption);
   request->cancelled = &host.cancelled;
+  request->skipsUnreadable = arguments->has("-skipunreadable");
   if (arguments->has("-verbose"))
     request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };
   const auto report = image::createImage(*request);

@@ -27,8 +27,6 @@ class ForkSource {
  public:
   virtual ~ForkSource() = default;
   virtual std::unique_ptr<ForkReader> openReader() const = 0;
-  // Whether a reader found data that was not as the tree says: reading everything anew may then help.
-  virtual bool hasChanged() const { return false; }
 };
 
 struct VolumeOptions {

@@ -77,10 +77,13 @@ struct HashIdentity {
 // Walks the source folder by folder and grows the tree.
 class Scanner {
  public:
-  Scanner(int root, const std::string& rootPath, hfs::Tree tree)
-      : scan_{.tree = std::move(tree), .leftOut = {}}, path_(scan_.tree, root, rootPath), root_(root) {}
+  Scanner(int root, const std::string& rootPath, hfs::Tree tree, const ScanOptions& options)
+      : scan_{.tree = std::move(tree), .leftOut = {}},
+        path_(scan_.tree, root, rootPath),
+        root_(root),
+        options_(options) {}
 
-  base::Result<Scan> run(const std::atomic<bool>* cancelled) {
+  base::Result<Scan> run() {
     attributes_.enter(root_);
     auto ofRoot = attributes_.of(".");
     hasAttributes_ = attributes_.areSupported();
@@ -89,13 +92,18 @@ class Scanner {
       return added.error();
     for (hfs::NodeIndex node = 0; node < scan_.tree.nodes().size(); ++node) {
       if (!scan_.tree.nodes()[node].isFolder() || mountPoints_.contains(node)) continue;
-      if (cancelled != nullptr && *cancelled) return base::Error{"it was interrupted"};
-      if (auto listed = list(node); !listed) return listed.error();
+      if (options_.cancelled != nullptr && *options_.cancelled) return base::Error{"it was interrupted"};
+      if (auto listed = list(node); !listed && !leaveOut(listed.error())) return listed.error();
     }
     return std::move(scan_);
   }
 
  private:
+  bool leaveOut(const base::Error& reason) {
+    if (options_.skipsUnreadable) scan_.leftOut.push_back(reason.message);
+    return options_.skipsUnreadable;
+  }
+
   base::Result<void> list(hfs::NodeIndex folder) {
     auto opened = path_.openFolder(folder);
     if (!opened) return opened.error();
@@ -110,7 +118,8 @@ class Scanner {
       if (entry == nullptr) break;
       const std::string_view name = entry->d_name;
       if (name == "." || name == "..") continue;
-      if (auto added = addEntry(folder, *opened, entry->d_name); !added) return added;
+      const auto added = addEntry(folder, *opened, entry->d_name);
+      if (!added && !leaveOut(added.error())) return added;
     }
     if (errno != 0) return posixError("cannot list the folder", path_.textOf(folder), errno);
     return {};
@@ -118,9 +127,14 @@ class Scanner {
 
   base::Result<void> addEntry(hfs::NodeIndex folder, int opened, const char* name) {
     const auto text = [&] { return path_.textOf(folder) + "/" + name; };
+    if (!options_.unreadable.empty() && options_.unreadable.contains(text())) return {};
     struct statx status {};
     if (::statx(opened, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, kStatusMask, &status) != 0)
       return posixError("cannot look at", text(), errno);
+    // Otherwise found out when its turn to be read comes; there is no need to ask about every file.
+    if (options_.skipsUnreadable && S_ISREG(status.stx_mode) &&
+        ::faccessat(opened, name, R_OK, AT_EACCESS) != 0)
+      return posixError("cannot read", text(), errno);
     auto item = itemOf(name, status);
     if (S_ISLNK(status.stx_mode)) {
       auto length = linkLength(opened, name, text());
@@ -165,6 +179,7 @@ class Scanner {
   Scan scan_;
   SourcePath path_;
   int root_;
+  const ScanOptions& options_;
   AttributeReader attributes_;
   // File systems of most sticks have none, and need not be asked about each file.
   bool hasAttributes_ = false;
@@ -173,13 +188,24 @@ class Scanner {
   std::unordered_map<FileIdentity, hfs::NodeIndex, HashIdentity> linked_;
 };
 
-class SourceReader : public hfs::ForkReader {
+}  // namespace
+
+class SourceForks::Reader : public hfs::ForkReader {
  public:
-  SourceReader(const hfs::Tree& tree, int root, const std::string& rootPath, std::atomic<bool>& hasChanged)
-      : tree_(tree), path_(tree, root, rootPath), changed_(hasChanged) {}
+  explicit Reader(const SourceForks& source)
+      : source_(source), tree_(source.tree_), path_(source.tree_, source.root_, source.rootPath_) {}
 
   base::Result<block::Filled> read(hfs::NodeIndex node, std::uint64_t offset,
                                    std::span<std::byte> into) override {
+    auto filled = readNow(node, offset, into);
+    if (filled || source_.changed_ || !source_.skipsUnreadable_) return filled;
+    const base::MutexLock lock(source_.mutex_);
+    source_.unreadable_.emplace(path_.textOf(node), filled.error().message);
+    return block::Filled::zeros;
+  }
+
+ private:
+  base::Result<block::Filled> readNow(hfs::NodeIndex node, std::uint64_t offset, std::span<std::byte> into) {
     if (tree_.nodes()[node].isSymbolicLink()) return readLink(node, offset, into);
     if (node != openNode_)
       if (auto opened = openFile(node); !opened) return opened.error();
@@ -196,9 +222,8 @@ class SourceReader : public hfs::ForkReader {
     return block::Filled::data;
   }
 
- private:
   base::Error changed(hfs::NodeIndex node) const {
-    changed_ = true;
+    source_.changed_ = true;
     return {"cannot read " + path_.textOf(node) + ": it changed while it was being read"};
   }
 
@@ -256,31 +281,20 @@ class SourceReader : public hfs::ForkReader {
     return block::Filled::data;
   }
 
+  const SourceForks& source_;
   const hfs::Tree& tree_;
   SourcePath path_;
   hfs::NodeIndex openNode_ = hfs::kNoNode;
-  std::atomic<bool>& changed_;
   FileDescriptor file_;
   bool isSparse_ = false;
 };
 
-class SourceForks : public hfs::ForkSource {
- public:
-  SourceForks(const hfs::Tree& tree, int root, const std::string& rootPath)
-      : tree_(tree), root_(root), rootPath_(rootPath) {}
-  std::unique_ptr<hfs::ForkReader> openReader() const override {
-    return std::make_unique<SourceReader>(tree_, root_, rootPath_, changed_);
-  }
-  bool hasChanged() const override { return changed_; }
+std::unique_ptr<hfs::ForkReader> SourceForks::openReader() const { return std::make_unique<Reader>(*this); }
 
- private:
-  const hfs::Tree& tree_;
-  int root_;
-  const std::string& rootPath_;
-  mutable std::atomic<bool> changed_ = false;
-};
-
-}  // namespace
+std::map<std::string, std::string> SourceForks::unreadable() const {
+  const base::MutexLock lock(mutex_);
+  return unreadable_;
+}
 
 base::Result<SourceFolder> SourceFolder::open(const std::string& path) {
   FileDescriptor root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -295,14 +309,11 @@ base::Result<Scan> SourceFolder::scan(const ScanOptions& options) const {
   // In a thread of its own, whose working directory nobody else needs.
   return std::async(std::launch::async,
                     [&] {
-                      return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status)))
-                          .run(options.cancelled);
+                      return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status)),
+                                     options)
+                          .run();
                     })
       .get();
-}
-
-std::unique_ptr<hfs::ForkSource> SourceFolder::forks(const hfs::Tree& tree) const {
-  return std::make_unique<SourceForks>(tree, root_.number(), path_);
 }
 
 }  // namespace image::os

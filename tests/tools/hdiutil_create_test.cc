@@ -433,13 +433,36 @@ TEST_F(HdiutilRefusal, failsWhenTheDiskIsFull) {
                             ": No space left on device\n");
 }
 
+// As a user who may not read everything.
+std::string asNobody() {
+  return ::getuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+}
+
+TEST_F(HdiutilCreate, leavesOutWhatMayNotBeReadWhenAskedTo) {
+  const auto secret = write("secret", "content");
+  const auto closed = write("closed/inside", "content");
+  write("open", "content");
+  fs::permissions(scratch.path(), fs::perms::all);
+  fs::permissions(secret, fs::perms::none);
+  fs::permissions(source + "/closed", fs::perms::none);
+  const auto run =
+      runShell(asNobody() + HDIUTIL_PROGRAM " create -skipunreadable -volname Stick-Backup -srcfolder " +
+               shellWord(source) + " " + shellWord(image));
+  fs::permissions(source + "/closed", fs::perms::all);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.output,
+              AllOf(HasSubstr("left out: cannot read " + secret + ": Permission denied"),
+                    HasSubstr("left out: cannot open the folder " + source + "/closed: Permission denied"),
+                    HasSubstr("created: ")));
+  EXPECT_EQ(readFile(unpack() / "open"), "content");
+}
+
 TEST_F(HdiutilRefusal, namesAFileThatMayNotBeRead) {
   const auto secret = write("secret", "content");
   fs::permissions(scratch.path(), fs::perms::all);
   fs::permissions(secret, fs::perms::none);
-  const std::string asNobody = ::getuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
-  const auto run =
-      runShell(asNobody + HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " + shellWord(image));
+  const auto run = runShell(asNobody() + HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " +
+                            shellWord(image));
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.output, "hdiutil: create failed - cannot read " + secret + ": Permission denied\n");
   EXPECT_THAT(leftovers(), IsEmpty());

@@ -1,0 +1,213 @@
+// Loaded before the C library (LD_PRELOAD), makes one system call of a program go wrong. What is asked for
+// stands in the environment:
+//   FAULT_CALL    which: pwrite, fsync, openat, ...; "writing" stands for every call that changes the disk
+//   FAULT_AT      at which call of that name, from 1
+//   FAULT_KIND    an errno's number; "short" for half of what was asked for; "kill-before" or "kill-after"
+//   FAULT_LASTS   when set, all calls from then on fail, too
+//   FAULT_COUNTS  a file for lines "NAME CALLS" at the program's end
+//   FAULT_NO_TMPFILE  when set, nameless files are what the file system does not have
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+enum Call {
+  kOpen,
+  kOpenat,
+  kRead,
+  kPread,
+  kWrite,
+  kPwrite,
+  kFsync,
+  kLinkat,
+  kRenameat2,
+  kUnlinkat,
+  kFallocate,
+  kStatx,
+  kReadlinkat,
+  kCalls
+};
+constexpr std::array<const char*, kCalls> kNames{"open",      "openat", "read",      "pread",     "write",
+                                                 "pwrite",    "fsync",  "linkat",    "renameat2", "unlinkat",
+                                                 "fallocate", "statx",  "readlinkat"};
+
+constexpr bool isWriting(Call call) {
+  return call == kOpenat || call == kPwrite || call == kFsync || call == kLinkat || call == kRenameat2 ||
+         call == kUnlinkat || call == kFallocate;
+}
+
+std::string_view setting(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? std::string_view() : value;
+}
+
+class Plan {
+ public:
+  Plan()
+      : call_(setting("FAULT_CALL")), kind_(setting("FAULT_KIND")), lasts_(!setting("FAULT_LASTS").empty()) {
+    if (const auto at = setting("FAULT_AT"); !at.empty()) at_ = std::atol(at.data());
+  }
+  ~Plan() {
+    const auto path = setting("FAULT_COUNTS");
+    if (path.empty()) return;
+    std::FILE* const out = std::fopen(path.data(), "w");
+    for (std::size_t call = 0; call < kCalls; ++call)
+      std::fprintf(out, "%s %ld\n", kNames[call], counts_[call].load());
+    std::fclose(out);
+  }
+  Plan(const Plan&) = delete;
+  Plan& operator=(const Plan&) = delete;
+
+  bool strikes(Call call) {
+    const long number = ++counts_[call];
+    if (call_ == "writing") return isWriting(call) && isDue(++writing_);
+    return call_ == kNames[call] && isDue(number);
+  }
+  bool isKilling() const { return kind_.starts_with("kill"); }
+  bool isShort() const { return kind_ == "short"; }
+  bool killsBefore() const { return kind_ == "kill-before"; }
+  int error() const { return std::atoi(kind_.data()); }
+
+ private:
+  bool isDue(long number) const { return number == at_ || (lasts_ && number > at_); }
+
+  std::string_view call_;
+  std::string_view kind_;
+  bool lasts_;
+  long at_ = -1;
+  std::array<std::atomic<long>, kCalls> counts_{};
+  std::atomic<long> writing_ = 0;
+};
+
+Plan& plan() {
+  static Plan thePlan;
+  return thePlan;
+}
+
+[[noreturn]] void die() {
+  ::raise(SIGKILL);
+  std::abort();
+}
+
+// Carries a call out as the plan has it; `half` does it for half of what was asked.
+template <class Carry, class Half>
+auto carryOut(Call call, Carry carry, Half half) -> decltype(carry()) {
+  if (!plan().strikes(call)) return carry();
+  if (plan().isKilling()) {
+    if (!plan().killsBefore()) carry();
+    die();
+  }
+  if (plan().isShort()) return half();
+  errno = plan().error();
+  return -1;
+}
+template <class Carry>
+auto carryOut(Call call, Carry carry) -> decltype(carry()) {
+  return carryOut(call, carry, carry);
+}
+
+template <class Function>
+Function next(const char* name) {
+  return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+std::size_t halfOf(std::size_t size) { return (size + 1) / 2; }
+
+}  // namespace
+
+extern "C" {
+
+int open64(const char* path, int flags, ...) {
+  static const auto real = next<int (*)(const char*, int, ...)>("open64");
+  va_list more;
+  va_start(more, flags);
+  const mode_t mode = va_arg(more, mode_t);
+  va_end(more);
+  return carryOut(kOpen, [&] { return real(path, flags, mode); });
+}
+
+int openat64(int folder, const char* path, int flags, ...) {
+  static const auto real = next<int (*)(int, const char*, int, ...)>("openat64");
+  va_list more;
+  va_start(more, flags);
+  const mode_t mode = va_arg(more, mode_t);
+  va_end(more);
+  if ((flags & O_TMPFILE) == O_TMPFILE && !setting("FAULT_NO_TMPFILE").empty()) {
+    errno = EOPNOTSUPP;
+    return -1;
+  }
+  return carryOut(kOpenat, [&] { return real(folder, path, flags, mode); });
+}
+
+ssize_t read(int file, void* into, std::size_t size) {
+  static const auto real = next<ssize_t (*)(int, void*, std::size_t)>("read");
+  return carryOut(
+      kRead, [&] { return real(file, into, size); }, [&] { return real(file, into, halfOf(size)); });
+}
+
+ssize_t pread64(int file, void* into, std::size_t size, off_t offset) {
+  static const auto real = next<ssize_t (*)(int, void*, std::size_t, off_t)>("pread64");
+  return carryOut(
+      kPread, [&] { return real(file, into, size, offset); },
+      [&] { return real(file, into, halfOf(size), offset); });
+}
+
+ssize_t write(int file, const void* from, std::size_t size) {
+  static const auto real = next<ssize_t (*)(int, const void*, std::size_t)>("write");
+  return carryOut(
+      kWrite, [&] { return real(file, from, size); }, [&] { return real(file, from, halfOf(size)); });
+}
+
+ssize_t pwrite64(int file, const void* from, std::size_t size, off_t offset) {
+  static const auto real = next<ssize_t (*)(int, const void*, std::size_t, off_t)>("pwrite64");
+  return carryOut(
+      kPwrite, [&] { return real(file, from, size, offset); },
+      [&] { return real(file, from, halfOf(size), offset); });
+}
+
+int fsync(int file) {
+  static const auto real = next<int (*)(int)>("fsync");
+  return carryOut(kFsync, [&] { return real(file); });
+}
+
+int linkat(int fromFolder, const char* from, int toFolder, const char* to, int flags) noexcept {
+  static const auto real = next<int (*)(int, const char*, int, const char*, int)>("linkat");
+  return carryOut(kLinkat, [&] { return real(fromFolder, from, toFolder, to, flags); });
+}
+
+int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept {
+  static const auto real = next<int (*)(int, const char*, int, const char*, unsigned)>("renameat2");
+  return carryOut(kRenameat2, [&] { return real(fromFolder, from, toFolder, to, flags); });
+}
+
+int unlinkat(int folder, const char* path, int flags) noexcept {
+  static const auto real = next<int (*)(int, const char*, int)>("unlinkat");
+  return carryOut(kUnlinkat, [&] { return real(folder, path, flags); });
+}
+
+int fallocate64(int file, int mode, off_t offset, off_t size) {
+  static const auto real = next<int (*)(int, int, off_t, off_t)>("fallocate64");
+  return carryOut(kFallocate, [&] { return real(file, mode, offset, size); });
+}
+
+int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
+  static const auto real = next<int (*)(int, const char*, int, unsigned, struct statx*)>("statx");
+  return carryOut(kStatx, [&] { return real(folder, path, flags, mask, status); });
+}
+
+ssize_t readlinkat(int folder, const char* path, char* into, std::size_t size) noexcept {
+  static const auto real = next<ssize_t (*)(int, const char*, char*, std::size_t)>("readlinkat");
+  return carryOut(kReadlinkat, [&] { return real(folder, path, into, size); });
+}
+
+}  // extern "C"
