@@ -1,5 +1,6 @@
 #include "base/notification_center.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace base {
@@ -13,13 +14,26 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
 }
 
 void NotificationCenter::removeObserver(Token token) {
+  std::shared_ptr<const Registration> removed;  // let go of without the lock
   const MutexLock lock(mutex_);
-  std::erase_if(registrations_, [token](const auto& registration) { return registration->token == token; });
+  const auto found = find(token);
+  if (found == registrations_.end()) return;
+  removed = *found;
+  registrations_.erase(found);
+}
+
+NotificationCenter::Registrations::const_iterator NotificationCenter::find(Token token) const {
+  return std::ranges::find_if(registrations_, [token](const auto& each) { return each->token == token; });
+}
+
+bool NotificationCenter::isRegistered(Token token) const {
+  const MutexLock lock(mutex_);
+  return find(token) != registrations_.end();
 }
 
 void NotificationCenter::post(std::string_view name, std::any object) {
   const Notification notification{std::string(name), std::move(object)};
-  std::vector<std::shared_ptr<const Registration>> interested;
+  Registrations interested;
   {
     const MutexLock lock(mutex_);
     for (const auto& registration : registrations_) {
@@ -27,7 +41,9 @@ void NotificationCenter::post(std::string_view name, std::any object) {
     }
   }
   for (const auto& registration : interested) {
-    const auto deliver = [&] { registration->observer(notification); };
+    const auto deliver = [&] {
+      if (isRegistered(registration->token)) registration->observer(notification);
+    };
     if (registration->delivery) {
       registration->delivery(deliver);
     } else {

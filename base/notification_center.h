@@ -33,7 +33,8 @@ class NotificationCenter {
   Token addObserver(std::string_view name, Delivery delivery, Observer observer);
   void removeObserver(Token token);
 
-  // Observers added while a notification is being delivered do not get that one.
+  // Observers added while a notification is being delivered do not get that one, and neither do observers
+  // removed before their turn.
   void post(std::string_view name, std::any object = {});
 
  private:
@@ -44,8 +45,13 @@ class NotificationCenter {
     Observer observer;
   };
 
-  Mutex mutex_;
-  std::vector<std::shared_ptr<const Registration>> registrations_ GUARDED_BY(mutex_);
+  using Registrations = std::vector<std::shared_ptr<const Registration>>;
+
+  Registrations::const_iterator find(Token token) const REQUIRES(mutex_);
+  bool isRegistered(Token token) const;
+
+  mutable Mutex mutex_;
+  Registrations registrations_ GUARDED_BY(mutex_);
   Token lastToken_ GUARDED_BY(mutex_) = 0;
 };
 

@@ -11,12 +11,14 @@ OperationQueue::~OperationQueue() { close(); }
 
 void OperationQueue::addOperation(Operation operation) {
   const auto entry = std::make_shared<Entry>(Entry{std::move(operation)});
+  Registrations toTell;
   {
     const MutexLock lock(mutex_);
     if (closed_) return;
     entries_.push_back(entry);
+    toTell = registrations_;
   }
-  tellObservers();
+  tell(toTell);
   const MutexLock lock(mutex_);
   entry->mayStart = true;
   changed_.notify_all();
@@ -38,17 +40,20 @@ void OperationQueue::addObserver(const void* who, Observer observer) {
 }
 
 void OperationQueue::removeObserver(const void* who) {
+  std::shared_ptr<const Registration> removed;  // let go of without the lock
   const MutexLock lock(mutex_);
   const auto latest = std::find_if(registrations_.rbegin(), registrations_.rend(),
                                    [who](const auto& registration) { return registration->who == who; });
-  if (latest != registrations_.rend()) registrations_.erase(std::next(latest).base());
+  if (latest == registrations_.rend()) return;
+  removed = *latest;
+  registrations_.erase(std::next(latest).base());
 }
 
 void OperationQueue::close() {
-  cancelAllOperations();
   {
     const MutexLock lock(mutex_);
     closed_ = true;
+    for (const auto& entry : entries_) entry->cancelled = true;
     changed_.notify_all();
   }
   if (worker_.joinable()) worker_.join();
@@ -60,12 +65,7 @@ void OperationQueue::waitUntilAllOperationsAreFinished() {
   mutex_.unlock();
 }
 
-void OperationQueue::tellObservers() {
-  std::vector<std::shared_ptr<const Registration>> registrations;
-  {
-    const MutexLock lock(mutex_);
-    registrations = registrations_;
-  }
+void OperationQueue::tell(const Registrations& registrations) {
   for (const auto& registration : registrations) registration->observer();
 }
 
@@ -77,15 +77,17 @@ void OperationQueue::work() {
     }
     if (entries_.empty()) break;
     const auto entry = entries_.front();
-    if (!entry->cancelled) {
-      mutex_.unlock();
-      entry->operation();
-      mutex_.lock();
-    }
+    const bool runs = !entry->cancelled;
+    mutex_.unlock();
+    if (runs) entry->operation();
+    entry->operation = nullptr;
+    mutex_.lock();
     entries_.pop_front();
     telling_ = true;
+    auto toTell = registrations_;
     mutex_.unlock();
-    tellObservers();
+    tell(toTell);
+    toTell.clear();
     mutex_.lock();
     telling_ = false;
     changed_.notify_all();

@@ -19,8 +19,10 @@ namespace base {
 // the operation may start; the removal of a finished (or cancelled) operation on the worker, before the next
 // one starts. So an observer that cancels the queue stops everything that has not started yet.
 //
-// All members may be called from any thread, from operations and observers too, but for the destructor, which
-// cancels what waits, waits for the operation that runs, and must not be called from the worker.
+// All members may be called from any thread, from operations and observers too, but for those that wait for
+// the worker and must not be called on it: close(), waitUntilAllOperationsAreFinished(), and the destructor,
+// which closes. What an operation holds is let go of on the worker, before its removal is told. No lock is
+// held while an operation or an observer runs or is let go of.
 class OperationQueue {
  public:
   using Operation = std::function<void()>;
@@ -62,13 +64,15 @@ class OperationQueue {
     Observer observer;
   };
 
+  using Registrations = std::vector<std::shared_ptr<const Registration>>;
+
   void work();
-  void tellObservers();
+  static void tell(const Registrations& registrations);
 
   mutable Mutex mutex_;
   std::condition_variable_any changed_;
   std::deque<std::shared_ptr<Entry>> entries_ GUARDED_BY(mutex_);
-  std::vector<std::shared_ptr<const Registration>> registrations_ GUARDED_BY(mutex_);
+  Registrations registrations_ GUARDED_BY(mutex_);
   bool telling_ GUARDED_BY(mutex_) = false;
   bool closed_ GUARDED_BY(mutex_) = false;
   std::thread worker_;

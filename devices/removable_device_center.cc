@@ -21,8 +21,7 @@ ZQRemovableDeviceCenter::~ZQRemovableDeviceCenter() {
 }
 
 void ZQRemovableDeviceCenter::reloadData() {
-  const auto listener = delegate();
-  if (listener) listener->removableDeviceCenterWillReloadData(*this);
+  if (const auto listener = delegate()) listener->removableDeviceCenterWillReloadData(*this);
   {
     const base::MutexLock lock(mutex_);
     availableDevices_.clear();
@@ -33,7 +32,7 @@ void ZQRemovableDeviceCenter::reloadData() {
       .approveUnmount = [this](const auto& /*any disk*/) { return ZQDiskUnmountApprovalCallback(); },
   });
   if (session) session_ = std::move(session);
-  if (listener) listener->removableDeviceCenterDidReloadData(*this);
+  if (const auto listener = delegate()) listener->removableDeviceCenterDidReloadData(*this);
 }
 
 std::vector<std::shared_ptr<ZQRemovableDevice>> ZQRemovableDeviceCenter::availableDevices() const {

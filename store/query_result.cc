@@ -1,5 +1,6 @@
 #include "store/query_result.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <utility>
@@ -57,7 +58,7 @@ void ZQStashwickQueryResult::Scan::finish() {
     bytes = runningTotal;
     ready = true;
     running = false;
-    toTell = observers;
+    toTell.swap(observers);
     becameReady.notify_all();
   }
   for (const auto& observer : toTell) observer.told();
@@ -154,8 +155,12 @@ ZQStashwickQueryResult::ObserverToken ZQStashwickQueryResult::addReadyObserver(
 }
 
 void ZQStashwickQueryResult::removeReadyObserver(ObserverToken token) {
+  std::function<void()> removed;  // let go of without the lock
   const base::MutexLock lock(scan_->mutex);
-  std::erase_if(scan_->observers, [token](const auto& observer) { return observer.token == token; });
+  const auto found = std::ranges::find(scan_->observers, token, &Scan::Observer::token);
+  if (found == scan_->observers.end()) return;
+  removed = std::move(found->told);
+  scan_->observers.erase(found);
 }
 
 void ZQStashwickQueryResult::waitUntilReady() const {
