@@ -4,6 +4,7 @@
 #include <csignal>
 #include <iostream>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include "image/os/host.h"
 
@@ -36,5 +37,6 @@ int main(int count, char** arguments) {
                         {.out = std::cout,
                          .error = std::cerr,
                          .readPassword = [] { return image::os::readPassword(0); },
+                         .errorIsTerminal = ::isatty(2) == 1,
                          .cancelled = interrupted});
 }

@@ -8,6 +8,7 @@
 #include "image/open.h"
 #include "image/verify.h"
 #include "tools/arguments.h"
+#include "tools/progress_display.h"
 
 namespace tools {
 namespace {
@@ -18,7 +19,8 @@ constexpr int kNotUnderstood = 64;
 
 constexpr std::string_view kUsage =
     "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
-    "                      [-encryption AES-128|AES-256 -stdinpass] [-skipunreadable] [-plist]\n"
+    "                      [-encryption AES-128|AES-256 -stdinpass] [-skipunreadable] [-puppetstrings] "
+    "[-plist]\n"
     "                      [-verbose] IMAGE\n"
     "       hdiutil verify [-stdinpass] [-verbose] IMAGE\n"
     "       hdiutil imageinfo [-stdinpass] [-plist] IMAGE\n";
@@ -70,11 +72,24 @@ base::Result<std::optional<image::Encryption>> readEncryption(const Arguments& a
   return std::optional(image::Encryption{*method, std::move(*password)});
 }
 
+// Lines for programs when they are asked for, a bar for a person who watches and sees no phases. With -plist
+// standard output belongs to the property list.
+std::unique_ptr<ProgressDisplay> progressDisplay(const Arguments& arguments,
+                                                 const image::udif::Progress& progress,
+                                                 const HdiutilHost& host) {
+  using Style = ProgressDisplay::Style;
+  if (arguments.has("-puppetstrings"))
+    return std::make_unique<ProgressDisplay>(progress, Style::percentLines,
+                                             arguments.has("-plist") ? host.error : host.out);
+  if (!host.errorIsTerminal || arguments.has("-verbose")) return nullptr;
+  return std::make_unique<ProgressDisplay>(progress, Style::bar, host.error);
+}
+
 int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   const auto arguments =
       Arguments::parse(given, 1,
                        {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-encryption"},
-                        .alone = {"-plist", "-verbose", "-stdinpass", "-skipunreadable"}});
+                        .alone = {"-plist", "-verbose", "-stdinpass", "-skipunreadable", "-puppetstrings"}});
   if (!arguments) return fail(host, "create", arguments.error().message, kNotUnderstood);
   auto request = createRequest(*arguments);
   if (!request) {
@@ -88,7 +103,12 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   request->skipsUnreadable = arguments->has("-skipunreadable");
   if (arguments->has("-verbose"))
     request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };
-  const auto report = image::createImage(*request);
+  image::udif::Progress progress;
+  request->progress = &progress;
+  const auto report = [&] {
+    const auto display = progressDisplay(*arguments, progress, host);
+    return image::createImage(*request);
+  }();
   if (!report) return fail(host, "create", report.error().message);
   for (const auto& item : report->leftOut) host.error << "hdiutil: left out: " << item << "\n";
   reportCreated(request->image, arguments->has("-plist"), host.out);

@@ -16,6 +16,8 @@ struct HdiutilHost {
   std::ostream& out;
   std::ostream& error;
   std::function<base::Result<base::Secret>()> readPassword;
+  // Whether a person watches `error`.
+  bool errorIsTerminal = false;
   // Set when the person interrupts.
   const std::atomic<bool>& cancelled;
 };

@@ -12,6 +12,7 @@ HdiutilRun runHdiutil(const std::vector<std::string>& arguments, const HdiutilIn
   const int status = tools::hdiutil(arguments, {.out = out,
                                                 .error = error,
                                                 .readPassword = [&] { return base::Secret(input.password); },
+                                                .errorIsTerminal = false,
                                                 .cancelled = interrupted});
   return {status, out.str(), error.str()};
 }

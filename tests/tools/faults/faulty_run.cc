@@ -1,0 +1,59 @@
+#include "tests/tools/faults/faulty_run.h"
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+
+#include "image/open.h"
+#include "image/verify.h"
+
+FaultyRuns::FaultyRuns(Naming naming, std::string moreArguments)
+    : naming_(naming), moreArguments_(std::move(moreArguments)) {
+  std::minstd_rand random(1);
+  std::string noise(300'000, '\0');
+  for (char& b : noise) b = static_cast<char>(random());
+  scratch_.write("source/noise", noise);
+  scratch_.write("source/folder/text", std::string(5000, 't'));
+  scratch_.write("source/folder/deeper/empty", "");
+  std::filesystem::create_symlink("text", scratch_ / "source/folder/link");
+  std::filesystem::create_hard_link(scratch_ / "source/noise", scratch_ / "source/folder/again");
+  std::filesystem::create_directory(scratch_ / "images");
+  create();
+  contents_ = contentsOfImage();
+  removeImage();
+}
+
+std::string FaultyRuns::commandLine(const Fault& fault) const {
+  std::string line = "FAULT_COUNTS=" + scratch_ / "counts" + (naming_ == Naming::hidden ? " FAULT_NO_TMPFILE=1" : "");
+  if (!fault.call.empty())
+    line += " FAULT_CALL=" + fault.call + " FAULT_AT=" + std::to_string(fault.at) + " FAULT_KIND=" + fault.kind +
+            (fault.lasts ? " FAULT_LASTS=1" : "");
+  return line + " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
+         source() + " " + image() + " " + moreArguments_;
+}
+
+ProgramResult FaultyRuns::create(const Fault& fault) { return runShell(commandLine(fault)); }
+
+std::vector<Fault> FaultyRuns::everyCall() {
+  create();
+  removeImage();
+  std::vector<Fault> calls;
+  std::istringstream counts(readFile(scratch_ / "counts"));
+  for (Fault call; counts >> call.call >> call.at;)
+    if (call.at != 0) calls.push_back(call);
+  return calls;
+}
+
+std::vector<std::string> FaultyRuns::names() const {
+  std::vector<std::string> list;
+  for (const auto& entry : std::filesystem::directory_iterator(scratch_ / "images"))
+    list.push_back(entry.path().filename());
+  std::ranges::sort(list);
+  return list;
+}
+
+void FaultyRuns::removeImage() const { std::filesystem::remove(image()); }
+
+std::string FaultyRuns::contentsOfImage() const { return runShell("7zz x -so -tdmg " + image() + " 4.hfs 2>&1 | 7zz").output; }
+
+std::string FaultyRuns::faultOfImage() const { return ""; }

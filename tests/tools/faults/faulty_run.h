@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/tools/scratch_folder.h"
+
+// One way for a system call to go wrong; see shim/failing_calls.cc.
+struct Fault {
+  std::string call{};
+  long at = 1;
+  std::string kind{};
+  bool lasts = false;
+};
+
+enum class Naming { nameless, hidden };
+
+// Runs of the real tool over a small folder, in an environment where system calls fail.
+class FaultyRuns {
+ public:
+  // Naming::hidden: on a file system that has no nameless files.
+  explicit FaultyRuns(Naming naming = Naming::nameless, std::string moreArguments = "");
+
+  ProgramResult create(const Fault& fault = {});
+  // How often a run without faults makes each call that it makes at all.
+  std::vector<Fault> everyCall();
+  // Everything in the image's folder.
+  std::vector<std::string> names() const;
+  // Empty when the image is whole and holds what the folder holds; otherwise what is wrong with it.
+  std::string faultOfImage() const;
+  void removeImage() const;
+
+  std::string source() const { return scratch_ / "source"; }
+  std::string image() const { return scratch_ / "images/out.dmg"; }
+  // The line of shell that makes the image.
+  std::string commandLine(const Fault& fault) const;
+
+ private:
+  std::string contentsOfImage() const;
+
+  ScratchFolder scratch_;
+  Naming naming_;
+  std::string moreArguments_;
+  std::string contents_;
+};

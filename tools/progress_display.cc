@@ -1,0 +1,75 @@
+#include "tools/progress_display.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ostream>
+
+namespace tools {
+namespace {
+
+constexpr std::chrono::milliseconds kInterval{200};
+
+double fractionOf(const ProgressMoment& moment) {
+  if (moment.sectorsTotal == 0) return 0;
+  return static_cast<double>(moment.sectorsDone) / static_cast<double>(moment.sectorsTotal);
+}
+
+template <class... Arguments>
+std::string formatted(const char* format, Arguments... arguments) {
+  std::array<char, 128> text;
+  const int length = std::snprintf(text.data(), text.size(), format, arguments...);
+  return {text.data(), static_cast<std::size_t>(std::clamp(length, 0, static_cast<int>(text.size()) - 1))};
+}
+
+std::string byteText(double bytes) {
+  const std::array<const char*, 4> units{"KB", "MB", "GB", "TB"};
+  std::size_t unit = 0;
+  double value = bytes / 1000;
+  for (; value >= 1000 && unit + 1 < units.size(); ++unit) value /= 1000;
+  return formatted(value < 10 ? "%.1f %s" : "%.0f %s", value, units[unit]);
+}
+
+}  // namespace
+
+std::string percentLine(const ProgressMoment& moment) {
+  return formatted("PERCENT:%f", 100 * fractionOf(moment));
+}
+
+std::string barText(const ProgressMoment& moment) {
+  constexpr std::size_t kWidth = 30;
+  const double fraction = fractionOf(moment);
+  const double bytes = static_cast<double>(moment.sectorsDone) * 512;
+  const double seconds = std::max(moment.elapsed.count(), 0.001);
+  const auto filled = static_cast<std::size_t>(fraction * kWidth);
+  std::string text = formatted("%3d%%  [", static_cast<int>(100 * fraction));
+  text += std::string(filled, '#') + std::string(kWidth - filled, ' ') + "]  ";
+  text += byteText(bytes) + "  " + byteText(bytes / seconds) + "/s";
+  if (moment.sectorsDone == 0) return text;
+  const auto left = static_cast<long>(seconds / fraction - seconds);
+  return text + formatted("  %ld:%02ld left", left / 60, left % 60);
+}
+
+ProgressDisplay::ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out)
+    : progress_(progress), style_(style), out_(out), thread_([this](const std::stop_token& stop) {
+        std::unique_lock lock(mutex_);
+        while (!ended_.wait_for(lock, stop, kInterval, [&] { return stop.stop_requested(); })) show();
+      }) {}
+
+ProgressDisplay::~ProgressDisplay() {
+  thread_.request_stop();
+  thread_.join();
+  show();
+  if (style_ == Style::bar) out_ << "\n";
+}
+
+void ProgressDisplay::show() {
+  const ProgressMoment moment{progress_.sectorsDone, progress_.sectorsTotal, Clock::now() - begin_};
+  if (moment.sectorsTotal == 0) return;
+  if (style_ == Style::bar)
+    out_ << "\r" << barText(moment) << "  " << std::flush;
+  else
+    out_ << percentLine(moment) << "\n" << std::flush;
+}
+
+}  // namespace tools
