@@ -196,55 +196,95 @@ base::Result<NodeView> BTreeView::node(std::uint32_t number) const {
   return node;
 }
 
-base::Result<void> BTreeView::walk(const KeyOrder& order,
-                                   const std::function<base::Result<void>(const RecordView&)>& visit) const {
-  std::vector<bool> seen(nodeCount_);
-  seen[0] = true;
-  if (depth_ == 0) {
-    if (root_ != 0 || leafRecords_ != 0) return damaged("an empty tree has records", 0);
-    return checkMap(seen);
+// One pass over a tree, level by level from the root.
+class BTreeView::Walk {
+ public:
+  Walk(const BTreeView& tree, const KeyOrder& order, const Visitor& visit)
+      : tree_(tree), order_(order), visit_(visit), seen_(tree.nodeCount_) {
+    seen_[0] = true;
   }
-  std::vector<Child> level{{root_, {}}};
-  std::uint32_t leafRecords = 0;
-  for (std::uint8_t height = static_cast<std::uint8_t>(depth_); height > 0; --height) {
-    std::vector<Child> below;
-    std::vector<std::byte> last;
-    if (height == 1 && (level.front().node != firstLeaf_ || level.back().node != lastLeaf_))
-      return damaged("its header names other leaves as the first and the last", 0);
-    for (std::size_t i = 0; i < level.size(); ++i) {
-      const std::uint32_t at = level[i].node;
-      if (at >= nodeCount_ || seen[at]) return damaged("a node is reached twice or does not exist", at);
-      seen[at] = true;
-      const auto node = this->node(at);
-      if (!node) return node.error();
-      if (node->kind != (height == 1 ? kLeafNode : kIndexNode) || node->height != height ||
-          node->records.empty())
-        return damaged("a node is of the wrong kind or height, or empty", at);
-      if (node->previous != (i == 0 ? 0 : level[i - 1].node) ||
-          node->next != (i + 1 == level.size() ? 0 : level[i + 1].node))
-        return damaged("a node's neighbours are not those that its parents name", at);
-      for (const auto bytes : node->records) {
-        const RecordView record = splitRecord(bytes);
-        if (record.key.size() < 8 || record.key.size() > maxKeyLength_ + 2u)
-          return damaged("a key has a wrong length", at);
-        if (!last.empty() && order(last, record.key) >= 0) return damaged("keys are out of order", at);
-        const bool isFirst = bytes.data() == node->records.front().data();
-        if (isFirst && !level[i].firstKey.empty() && !std::ranges::equal(level[i].firstKey, record.key))
-          return damaged("a node does not begin with the key that its parent has for it", at);
-        last.assign(record.key.begin(), record.key.end());
-        if (height > 1) {
-          if (record.data.size() < 4) return damaged("an index record is too short", at);
-          below.push_back({loadAt<std::uint32_t>(record.data, 0), last});
-          continue;
-        }
-        ++leafRecords;
-        if (auto visited = visit(record); !visited) return visited;
-      }
+
+  base::Result<void> run() {
+    if (tree_.depth_ == 0) {
+      if (tree_.root_ != 0 || tree_.leafRecords_ != 0) return tree_.damaged("an empty tree has records", 0);
+      return tree_.checkMap(seen_);
     }
-    level = std::move(below);
+    level_.push_back({tree_.root_, {}});
+    for (height_ = static_cast<std::uint8_t>(tree_.depth_); height_ > 0; --height_) {
+      if (height_ == 1 && (level_.front().node != tree_.firstLeaf_ || level_.back().node != tree_.lastLeaf_))
+        return tree_.damaged("its header names other leaves as the first and the last", 0);
+      if (auto passed = passLevel(); !passed) return passed;
+    }
+    if (leafRecords_ != tree_.leafRecords_)
+      return tree_.damaged("its header counts other records than there are", 0);
+    return tree_.checkMap(seen_);
   }
-  if (leafRecords != leafRecords_) return damaged("its header counts other records than there are", 0);
-  return checkMap(seen);
+
+ private:
+  struct Child {
+    std::uint32_t node;
+    std::vector<std::byte> firstKey;
+  };
+
+  base::Result<void> passLevel() {
+    below_.clear();
+    lastKey_.clear();
+    for (std::size_t i = 0; i < level_.size(); ++i)
+      if (auto passed = passNode(i); !passed) return passed;
+    level_ = std::move(below_);
+    return {};
+  }
+
+  base::Result<void> passNode(std::size_t ordinal) {
+    const auto& [at, firstKey] = level_[ordinal];
+    if (at >= tree_.nodeCount_ || seen_[at])
+      return tree_.damaged("a node is reached twice or does not exist", at);
+    seen_[at] = true;
+    const auto node = tree_.node(at);
+    if (!node) return node.error();
+    if (node->kind != (height_ == 1 ? kLeafNode : kIndexNode) || node->height != height_ ||
+        node->records.empty())
+      return tree_.damaged("a node is of the wrong kind or height, or empty", at);
+    const std::uint32_t previous = ordinal == 0 ? 0 : level_[ordinal - 1].node;
+    const std::uint32_t next = ordinal + 1 == level_.size() ? 0 : level_[ordinal + 1].node;
+    if (node->previous != previous || node->next != next)
+      return tree_.damaged("a node's neighbours are not those that its parents name", at);
+    const auto first = splitRecord(node->records.front());
+    if (!firstKey.empty() && !std::ranges::equal(firstKey, first.key))
+      return tree_.damaged("a node does not begin with the key that its parent has for it", at);
+    for (const auto bytes : node->records)
+      if (auto passed = passRecord(at, splitRecord(bytes)); !passed) return passed;
+    return {};
+  }
+
+  base::Result<void> passRecord(std::uint32_t at, const RecordView& record) {
+    if (record.key.size() < 8 || record.key.size() > tree_.maxKeyLength_ + 2u)
+      return tree_.damaged("a key has a wrong length", at);
+    if (!lastKey_.empty() && order_(lastKey_, record.key) >= 0)
+      return tree_.damaged("keys are out of order", at);
+    lastKey_.assign(record.key.begin(), record.key.end());
+    if (height_ == 1) {
+      ++leafRecords_;
+      return visit_(record);
+    }
+    if (record.data.size() < 4) return tree_.damaged("an index record is too short", at);
+    below_.push_back({loadAt<std::uint32_t>(record.data, 0), lastKey_});
+    return {};
+  }
+
+  const BTreeView& tree_;
+  const KeyOrder& order_;
+  const Visitor& visit_;
+  std::vector<bool> seen_;
+  std::uint8_t height_ = 0;
+  std::vector<Child> level_;
+  std::vector<Child> below_;
+  std::vector<std::byte> lastKey_;
+  std::uint32_t leafRecords_ = 0;
+};
+
+base::Result<void> BTreeView::walk(const KeyOrder& order, const Visitor& visit) const {
+  return Walk(*this, order, visit).run();
 }
 
 // The map records of the header node and of the map nodes after it have a bit for each node.

@@ -90,14 +90,15 @@ KeyOrder attributesOrder();
 // A B-tree file of a volume.
 class BTreeView {
  public:
+  using Visitor = std::function<base::Result<void>(const RecordView&)>;
+
   // The fork outlives the view. `what` names the tree in messages.
   static base::Result<BTreeView> open(const base::RandomAccess& fork, std::string what);
 
   base::Result<NodeView> node(std::uint32_t number) const;
   // Goes through the whole tree from the root down, checks every link, height, key order and count and the
   // map of used nodes, and hands each leaf record over in key order. `visit` may refuse one.
-  base::Result<void> walk(const KeyOrder& order,
-                          const std::function<base::Result<void>(const RecordView&)>& visit) const;
+  base::Result<void> walk(const KeyOrder& order, const Visitor& visit) const;
 
   std::uint32_t nodeCount() const { return nodeCount_; }
   std::uint8_t keyCompareType() const { return keyCompareType_; }
@@ -105,10 +106,8 @@ class BTreeView {
  private:
   BTreeView(const base::RandomAccess& fork, std::string what) : fork_(&fork), what_(std::move(what)) {}
 
-  struct Child {
-    std::uint32_t node;
-    std::vector<std::byte> firstKey;
-  };
+  class Walk;
+
   base::Error damaged(std::string_view how, std::uint32_t node) const;
   // seen: the nodes that the tree itself reaches.
   base::Result<void> checkMap(std::vector<bool> seen) const;

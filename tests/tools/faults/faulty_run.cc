@@ -24,11 +24,13 @@ FaultyRuns::FaultyRuns(Naming naming, std::string moreArguments)
 }
 
 std::string FaultyRuns::commandLine(const Fault& fault) const {
-  std::string line = "FAULT_COUNTS=" + scratch_ / "counts" + (naming_ == Naming::hidden ? " FAULT_NO_TMPFILE=1" : "");
+  std::string line =
+      "FAULT_COUNTS=" + scratch_ / "counts" + (naming_ == Naming::hidden ? " FAULT_NO_TMPFILE=1" : "");
   if (!fault.call.empty())
-    line += " FAULT_CALL=" + fault.call + " FAULT_AT=" + std::to_string(fault.at) + " FAULT_KIND=" + fault.kind +
-            (fault.lasts ? " FAULT_LASTS=1" : "");
-  return line + " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
+    line += " FAULT_CALL=" + fault.call + " FAULT_AT=" + std::to_string(fault.at) +
+            " FAULT_KIND=" + fault.kind + (fault.lasts ? " FAULT_LASTS=1" : "");
+  return line +
+         " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
          source() + " " + image() + " " + moreArguments_;
 }
 
@@ -54,6 +56,16 @@ std::vector<std::string> FaultyRuns::names() const {
 
 void FaultyRuns::removeImage() const { std::filesystem::remove(image()); }
 
-std::string FaultyRuns::contentsOfImage() const { return runShell("7zz x -so -tdmg " + image() + " 4.hfs 2>&1 | 7zz").output; }
+// All files one after the other, as 7-Zip finds them.
+std::string FaultyRuns::contentsOfImage() const {
+  return runShell("7zz x -so " + image() + " 2>/dev/null").output;
+}
 
-std::string FaultyRuns::faultOfImage() const { return ""; }
+std::string FaultyRuns::faultOfImage() const {
+  const auto opened = image::OpenedImage::open(image(), nullptr);
+  if (!opened) return opened.error().message;
+  if (const auto counts = image::checkImage(**opened, 1, nullptr); !counts) return counts.error().message;
+  const auto test = runShell("7zz t -tdmg " + image());
+  if (test.status != 0 || test.output.find("WARNING") != std::string::npos) return test.output;
+  return contentsOfImage() == contents_ ? "" : "other contents than the folder";
+}

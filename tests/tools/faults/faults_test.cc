@@ -1,0 +1,93 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+
+#include "tests/tools/faults/faulty_run.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+std::string textOf(const Fault& fault) {
+  return fault.call + " " + std::to_string(fault.at) + " " + fault.kind + (fault.lasts ? " for ever" : "");
+}
+
+class Faults : public testing::TestWithParam<Naming> {
+ protected:
+  // Every call that a run makes, each time that it makes it.
+  template <class Try>
+  void forEachCall(const std::set<std::string>& names, Try attempt) {
+    for (const Fault& call : runs.everyCall())
+      for (Fault fault{.call = call.call}; names.contains(call.call) && fault.at <= call.at; ++fault.at)
+        attempt(fault);
+  }
+
+  void expectWhole(const Fault& fault, const ProgramResult& run) {
+    EXPECT_EQ(run.status, 0) << textOf(fault) << ": " << run.output;
+    EXPECT_THAT(runs.names(), ElementsAre("out.dmg")) << textOf(fault);
+    EXPECT_EQ(runs.faultOfImage(), "") << textOf(fault);
+    runs.removeImage();
+  }
+
+  void expectRefused(const Fault& fault, const ProgramResult& run) {
+    EXPECT_EQ(run.status, 1) << textOf(fault);
+    EXPECT_THAT(run.output, AllOf(StartsWith("hdiutil: create failed - "),
+                                  AnyOf(HasSubstr(runs.source()), HasSubstr(runs.image())),
+                                  EndsWith(std::string(": ") + std::strerror(std::stoi(fault.kind)) + "\n")))
+        << textOf(fault);
+    EXPECT_EQ(std::ranges::count(run.output, '\n'), 1) << textOf(fault) << ": " << run.output;
+    EXPECT_THAT(runs.names(), IsEmpty()) << textOf(fault);
+    runs.removeImage();
+  }
+
+  FaultyRuns runs{GetParam()};
+};
+
+TEST_P(Faults, inWhatReadsOrWritesDataAreNeverPassedOver) {
+  forEachCall({"read", "pread", "write", "pwrite", "fsync", "linkat", "renameat2"}, [this](Fault fault) {
+    for (const int code : {ENOSPC, EIO, ENODEV})
+      for (const bool lasts : {false, true}) {
+        fault.kind = std::to_string(code);
+        fault.lasts = lasts;
+        expectRefused(fault, runs.create(fault));
+      }
+  });
+}
+
+TEST_P(Faults, inWhatLooksAtFilesFailTheImageOrDoItNoHarm) {
+  forEachCall({"open", "openat", "statx", "readlinkat", "fallocate", "unlinkat"}, [this](Fault fault) {
+    for (const bool lasts : {false, true}) {
+      fault.kind = std::to_string(EIO);
+      fault.lasts = lasts;
+      const auto run = runs.create(fault);
+      if (run.status == 0)
+        expectWhole(fault, run);
+      else
+        expectRefused(fault, run);
+    }
+  });
+}
+
+TEST_P(Faults, thatAreNoneDoNoHarm) {
+  forEachCall({"read", "pread", "write", "pwrite"}, [this](Fault fault) {
+    fault.kind = std::to_string(EINTR);
+    expectWhole(fault, runs.create(fault));
+    fault.kind = "short";
+    expectWhole(fault, runs.create(fault));
+    fault.lasts = true;
+    expectWhole(fault, runs.create(fault));
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Namings, Faults, testing::Values(Naming::nameless, Naming::hidden));
+
+}  // namespace
