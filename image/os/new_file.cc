@@ -256,8 +256,10 @@ base::Result<void> NewFile::giveName() {
 
 base::Result<void> NewFile::publish() {
   if (auto named = giveName(); !named) return named;
-  if (::fsync(folder_.number()) != 0 && errno != EINVAL) return posixError("cannot write", path_, errno);
-  return {};
+  if (::fsync(folder_.number()) == 0 || errno == EINVAL) return {};
+  const int code = errno;
+  ::unlinkat(folder_.number(), name_.c_str(), 0);
+  return posixError("cannot write", path_, code);
 }
 
 base::Result<std::unique_ptr<base::RandomAccess>> openFile(const std::string& path) {

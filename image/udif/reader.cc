@@ -46,8 +46,8 @@ bool DecryptedFile::read(std::uint64_t offset, std::span<std::byte> into) const 
 base::Result<Image> Image::open(const base::RandomAccess& file) {
   Image image(file);
   std::array<std::byte, kTrailerBytes> end;
-  if (file.size() < kTrailerBytes || !file.read(file.size() - kTrailerBytes, end))
-    return base::Error{"not a disk image: it is too short"};
+  if (file.size() < kTrailerBytes) return base::Error{"not a disk image: it is too short"};
+  if (!file.read(file.size() - kTrailerBytes, end)) return base::Error{"its trailer cannot be read"};
   auto trailer = decodeTrailer(end);
   if (!trailer) return trailer.error();
   image.trailer_ = *trailer;
