@@ -5,12 +5,11 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
-#include <mutex>
-#include <new>
+#include <limits>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <vector>
+#include <utility>
 
 #include "image/os/posix_error.h"
 
@@ -29,9 +28,6 @@ PathParts splitPath(const std::string& path) {
   if (slash == std::string::npos) return {".", path};
   return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
 }
-
-// A path by which an open file can be found again, whether or not it has a name.
-std::string selfPath(const FileDescriptor& file) { return "/proc/self/fd/" + std::to_string(file.number()); }
 
 base::Error existsError(const std::string& path) { return {"cannot create " + path + ": it exists already"}; }
 
@@ -109,65 +105,6 @@ class OpenFile : public base::RandomAccess {
   std::uint64_t size_;
 };
 
-// A file read past the page cache, so that what comes back is what the disk has.
-class DirectFile : public base::RandomAccess {
- public:
-  DirectFile(FileDescriptor file, std::uint64_t size) : file_(std::move(file)), size_(size) {}
-  std::uint64_t size() const override { return size_; }
-  bool read(std::uint64_t offset, std::span<std::byte> into) const override {
-    if (offset > size_ || into.size() > size_ - offset) return false;
-    if (into.empty()) return true;
-    const std::uint64_t from = offset / kAlignment * kAlignment;
-    const std::uint64_t to = (offset + into.size() + kAlignment - 1) / kAlignment * kAlignment;
-    auto buffer = takeBuffer(to - from);
-    const bool done = readAligned(from, std::span(buffer.bytes.get(), to - from), offset + into.size());
-    if (done) std::copy_n(buffer.bytes.get() + (offset - from), into.size(), into.begin());
-    const std::lock_guard lock(mutex_);
-    spare_.push_back(std::move(buffer));
-    return done;
-  }
-
- private:
-  static constexpr std::size_t kAlignment = 4096;
-  struct FreeAligned {
-    void operator()(std::byte* bytes) const { ::operator delete[](bytes, std::align_val_t{kAlignment}); }
-  };
-  struct Buffer {
-    std::unique_ptr<std::byte[], FreeAligned> bytes;
-    std::size_t size = 0;
-  };
-
-  Buffer takeBuffer(std::size_t size) const {
-    {
-      const std::lock_guard lock(mutex_);
-      if (!spare_.empty()) {
-        Buffer buffer = std::move(spare_.back());
-        spare_.pop_back();
-        if (buffer.size >= size) return buffer;
-      }
-    }
-    auto* const bytes = static_cast<std::byte*>(::operator new[](size, std::align_val_t{kAlignment}));
-    return {std::unique_ptr<std::byte[], FreeAligned>(bytes), size};
-  }
-
-  // The last block of a file comes back shorter; what counts is that it reaches `end`.
-  bool readAligned(std::uint64_t offset, std::span<std::byte> into, std::uint64_t end) const {
-    while (offset < end) {
-      const ssize_t got = ::pread(file_.number(), into.data(), into.size(), static_cast<off_t>(offset));
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) return false;
-      into = into.subspan(static_cast<std::size_t>(got));
-      offset += static_cast<std::uint64_t>(got);
-    }
-    return true;
-  }
-
-  FileDescriptor file_;
-  std::uint64_t size_;
-  mutable std::mutex mutex_;
-  mutable std::vector<Buffer> spare_;
-};
-
 class OwnedFile : public OpenFile {
  public:
   OwnedFile(FileDescriptor file, std::uint64_t size)
@@ -184,7 +121,8 @@ NewFile::NewFile(std::string path, FileDescriptor folder, FileDescriptor file, s
       name_(splitPath(path_).name),
       folder_(std::move(folder)),
       file_(std::move(file)),
-      hiddenName_(std::move(hiddenName)) {}
+      hiddenName_(std::move(hiddenName)),
+      direct_(DirectFile::open(file_.number(), std::numeric_limits<std::int64_t>::max())) {}
 
 base::Result<std::unique_ptr<NewFile>> NewFile::create(const std::string& path) {
   const auto [folderPath, name] = splitPath(path);
@@ -203,7 +141,27 @@ NewFile::~NewFile() {
   if (!hiddenName_.empty()) ::unlinkat(folder_.number(), hiddenName_.c_str(), 0);
 }
 
+// Space is taken ahead of what is written: writes then wait neither for it nor for each other. Where that
+// fails the write says what is wrong.
+void NewFile::reserve(std::uint64_t end) {
+  constexpr std::uint64_t kStep = 64 << 20;
+  base::MutexLock lock(mutex_);
+  length_ = std::max(length_, end);
+  if (end <= reserved_) return;
+  const std::uint64_t from = std::exchange(reserved_, (end + kStep - 1) / kStep * kStep);
+  ::fallocate(file_.number(), 0, static_cast<off_t>(from), static_cast<off_t>(reserved_ - from));
+}
+
+// What is aligned goes to the disk at once and does not pass through the page cache.
 base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> bytes) {
+  reserve(offset + bytes.size());
+  if (direct_ && (offset | bytes.size()) % DirectFile::kAlignment == 0) {
+    const std::size_t done = direct_->write(offset, bytes);
+    if (done == bytes.size()) return {};
+    if (errno != EINVAL) return posixError("cannot write", path_, errno);
+    bytes = bytes.subspan(done);
+    offset += done;
+  }
   while (!bytes.empty()) {
     const ssize_t put = ::pwrite(file_.number(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
     if (put < 0 && errno == EINTR) continue;
@@ -217,29 +175,30 @@ base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> byt
 }
 
 base::Result<void> NewFile::clear() {
+  base::MutexLock lock(mutex_);
   if (::ftruncate(file_.number(), 0) != 0) return posixError("cannot write", path_, errno);
+  length_ = reserved_ = 0;
   return {};
 }
 
 base::Result<void> NewFile::sync() {
-  if (::fsync(file_.number()) != 0) return posixError("cannot write", path_, errno);
+  base::MutexLock lock(mutex_);
+  if (::ftruncate(file_.number(), static_cast<off_t>(length_)) != 0 || ::fsync(file_.number()) != 0)
+    return posixError("cannot write", path_, errno);
   return {};
 }
 
 std::unique_ptr<base::RandomAccess> NewFile::contents() const {
-  struct stat status {};
-  const bool known = ::fstat(file_.number(), &status) == 0;
-  FileDescriptor direct(::open(selfPath(file_).c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
-  if (known && direct)
-    return std::make_unique<DirectFile>(std::move(direct), static_cast<std::uint64_t>(status.st_size));
+  base::MutexLock lock(mutex_);
+  if (auto direct = DirectFile::open(file_.number(), length_)) return direct;
   ::posix_fadvise(file_.number(), 0, 0, POSIX_FADV_DONTNEED);
-  return std::make_unique<OpenFile>(file_.number(), known ? static_cast<std::uint64_t>(status.st_size) : 0);
+  return std::make_unique<OpenFile>(file_.number(), length_);
 }
 
 base::Result<void> NewFile::giveName() {
   if (hiddenName_.empty()) {
-    if (::linkat(AT_FDCWD, selfPath(file_).c_str(), folder_.number(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0)
-      return {};
+    const std::string self = "/proc/self/fd/" + std::to_string(file_.number());
+    if (::linkat(AT_FDCWD, self.c_str(), folder_.number(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0) return {};
   } else {
     if (::renameat2(folder_.number(), hiddenName_.c_str(), folder_.number(), name_.c_str(),
                     RENAME_NOREPLACE) == 0) {

@@ -4,9 +4,11 @@
 #include <memory>
 #include <string>
 
+#include "base/mutex.h"
 #include "base/random_access.h"
 #include "base/result.h"
 #include "image/block/output.h"
+#include "image/os/direct_file.h"
 #include "image/os/file_descriptor.h"
 
 namespace image::os {
@@ -34,6 +36,7 @@ class NewFile : public block::Output {
  private:
   NewFile(std::string path, FileDescriptor folder, FileDescriptor file, std::string hiddenName);
 
+  void reserve(std::uint64_t end);
   base::Result<void> giveName();
 
   std::string path_;
@@ -42,6 +45,11 @@ class NewFile : public block::Output {
   FileDescriptor file_;
   // Empty while the file has no name.
   std::string hiddenName_;
+  // Null where the file system has no such thing.
+  std::unique_ptr<DirectFile> direct_;
+  mutable base::Mutex mutex_;
+  std::uint64_t length_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t reserved_ GUARDED_BY(mutex_) = 0;
 };
 
 // An existing file, for any number of threads.
