@@ -111,14 +111,16 @@ class Creation {
     return CreateReport{.imageBytes = *written, .files = counts_.files, .folders = counts_.folders};
   }
 
-  base::Result<std::uint64_t> write(const hfs::Volume& volume, block::Output& output) const {
+  base::Result<std::uint64_t> write(const hfs::Volume& volume, block::Output& output) {
     const block::PartitionedDisk disk(volume, randomGUID(), randomGUID());
+    readBack_.clear();
     return udif::writeImage(disk, disk.regions(), output,
                             {.compresses = request_.format == Format::zlib,
                              .workers = workers(),
                              .segmentID = randomGUID(),
                              .cancelled = request_.cancelled,
-                             .progress = request_.progress});
+                             .progress = request_.progress,
+                             .readBack = request_.verifies ? &readBack_ : nullptr});
   }
 
   // The password's key is derived while the data is written: both take their time.
@@ -138,11 +140,12 @@ class Creation {
     return head.size() + *written;
   }
 
-  // Of what is on disk, every checksum and the volume's structure.
+  // Of what is on disk, every checksum and the volume's structure. Chunks that were read back while others
+  // were being written are not read again.
   base::Result<void> verify(std::unique_ptr<base::RandomAccess> file) {
     auto opened = keys_ ? OpenedImage::withKeys(std::move(file), header_, keys_->duplicate())
                         : OpenedImage::plain(std::move(file));
-    auto counts = opened ? checkImage(**opened, workers(), request_.cancelled) : opened.error();
+    auto counts = opened ? checkImage(**opened, workers(), request_.cancelled, &readBack_) : opened.error();
     if (!counts) return base::Error{"verifying " + request_.image + ": " + counts.error().message};
     if (counts->files != counts_.files || counts->folders != counts_.folders)
       return base::Error{"verifying " + request_.image + ": other files or folders than were written"};
@@ -157,6 +160,7 @@ class Creation {
   hfs::VolumeCounts counts_;
   std::optional<crypt::ContainerKeys> keys_;
   crypt::ContainerHeader header_;
+  udif::RunSums readBack_;
 };
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "image/verify.h"
 
+#include <algorithm>
 #include <string>
 
 #include "image/os/host.h"
@@ -20,12 +21,23 @@ base::Result<hfs::VolumeCounts> checkVolumes(const udif::Image& image) {
   return counts;
 }
 
+base::Result<void> checkSectorCount(const udif::Image& image) {
+  std::uint64_t end = 0;
+  for (const udif::BlockTable& table : image.tables())
+    end = std::max(end, table.firstSector + table.sectorCount);
+  if (end == image.trailer().sectorCount) return {};
+  return base::Error{"its trailer counts other sectors than its tables have"};
+}
+
 }  // namespace
 
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
-                                           const std::atomic<bool>* cancelled) {
+                                           const std::atomic<bool>* cancelled, const udif::RunSums* known) {
   if (workers == 0) workers = os::processors();
-  if (auto sums = udif::verifyChecksums(image.udif(), {.workers = workers, .cancelled = cancelled}); !sums)
+  if (auto counted = checkSectorCount(image.udif()); !counted) return counted.error();
+  if (auto sums =
+          udif::verifyChecksums(image.udif(), {.workers = workers, .cancelled = cancelled, .known = known});
+      !sums)
     return sums.error();
   return checkVolumes(image.udif());
 }

@@ -20,6 +20,7 @@ class CRC32 {
 
   std::uint32_t value() const { return value_; }
   std::uint64_t count() const { return count_; }
+  friend bool operator==(const CRC32&, const CRC32&) = default;
 
  private:
   std::uint32_t value_ = 0;

@@ -146,6 +146,20 @@ base::Secret cryptKeys(const base::Secret& key, std::span<const std::byte> iv, s
   return result;
 }
 
+// A password entry with a derivation that ends this century and wrapped keys that it has room for.
+bool isKnownEntry(std::span<const std::byte> bytes) {
+  constexpr std::uint32_t kMostIterations = 500'000'000;
+  constexpr std::uint32_t kMostWrappedBytes = 96;
+  base::ByteReader entry(bytes);
+  const auto kdf = entry.get<std::uint32_t>();
+  entry.skip(4);
+  const auto iterations = entry.get<std::uint32_t>();
+  entry.skip(4 + kFieldBytes + 4 + kFieldBytes + 4 * 4);
+  const auto wrapped = entry.get<std::uint32_t>();
+  return entry.ok() && kdf == kPBKDF2 && iterations != 0 && iterations <= kMostIterations &&
+         wrapped <= kMostWrappedBytes && wrapped <= entry.remaining();
+}
+
 std::size_t keyBytes(Method method) { return method == Method::aes128 ? 16 : 32; }
 
 }  // namespace
@@ -264,13 +278,7 @@ base::Result<ContainerHeader> ContainerHeader::decode(std::span<const std::byte>
                            bytes.begin() + static_cast<std::ptrdiff_t>(offset + size));
     break;
   }
-  base::ByteReader entry(header.keyEntry);
-  const bool known =
-      entry.get<std::uint32_t>() == kPBKDF2 && (entry.skip(4), entry.get<std::uint32_t>()) != 0;
-  const bool fits =
-      header.keyEntry.size() >= 104 && base::loadBigEndian<std::uint32_t>(header.keyEntry.data() + 100) <=
-                                           std::min<std::size_t>(96, header.keyEntry.size() - 104);
-  if (!in.ok() || !known || !fits) return unknown;
+  if (!in.ok() || !isKnownEntry(header.keyEntry)) return unknown;
   if ((header.blockBytes != 512 && header.blockBytes != 4096) || header.dataOffset < kHeaderBytes)
     return unknown;
   return header;

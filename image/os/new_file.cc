@@ -174,6 +174,10 @@ base::Result<void> NewFile::write(std::uint64_t offset, std::span<std::byte> byt
   return {};
 }
 
+std::unique_ptr<base::RandomAccess> NewFile::readBack() const {
+  return DirectFile::open(file_.number(), std::numeric_limits<std::int64_t>::max());
+}
+
 base::Result<void> NewFile::clear() {
   base::MutexLock lock(mutex_);
   if (::ftruncate(file_.number(), 0) != 0) return posixError("cannot write", path_, errno);

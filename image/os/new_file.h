@@ -23,6 +23,7 @@ class NewFile : public block::Output {
   ~NewFile() override;
 
   base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
+  std::unique_ptr<base::RandomAccess> readBack() const override;
   // Forgets what was written.
   base::Result<void> clear();
   // Makes what was written durable.

@@ -16,6 +16,7 @@ class EncryptedOutput : public block::Output {
   EncryptedOutput(const crypt::ContainerKeys& keys, block::Output& output) : keys_(keys), output_(output) {}
 
   base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
+  std::unique_ptr<base::RandomAccess> readBack() const override;
 
  private:
   const crypt::ContainerKeys& keys_;

@@ -11,6 +11,7 @@
 #include "image/codec/zlib_codec.h"
 #include "image/crypt/container.h"
 #include "image/udif/format.h"
+#include "image/udif/run_sums.h"
 
 namespace image::udif {
 
@@ -21,11 +22,16 @@ class DecryptedFile : public base::RandomAccess {
   static base::Result<std::unique_ptr<DecryptedFile>> open(const base::RandomAccess& file,
                                                            const crypt::ContainerHeader& header,
                                                            crypt::ContainerKeys keys);
+  // A new container of any length that is still being written.
+  DecryptedFile(const base::RandomAccess& file, crypt::ContainerKeys keys)
+      : DecryptedFile(file, {.dataBytes = kMostBytes}, std::move(keys)) {}
 
   std::uint64_t size() const override { return size_; }
   bool read(std::uint64_t offset, std::span<std::byte> into) const override;
 
  private:
+  static constexpr std::uint64_t kMostBytes = std::uint64_t{crypt::ContainerHeader::kBlockBytes} << 32;
+
   DecryptedFile(const base::RandomAccess& file, const crypt::ContainerHeader& header,
                 crypt::ContainerKeys keys)
       : file_(file),
@@ -91,6 +97,8 @@ class RegionView : public base::RandomAccess {
 struct VerifyOptions {
   unsigned workers = 1;
   const std::atomic<bool>* cancelled = nullptr;
+  // Of runs that have been read from disk already and are not read again; may be null.
+  const RunSums* known = nullptr;
 };
 
 // Reads every stored byte of the image and compares all checksums that it has with what is there.

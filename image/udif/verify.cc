@@ -11,12 +11,6 @@ namespace {
 
 constexpr std::size_t kPieceBytes = 1 << 20;
 
-// One run's part in the sums.
-struct Summed {
-  codec::CRC32 plain;
-  codec::CRC32 stored;
-};
-
 struct Job {
   const BlockTable* table;
   const Run* run;
@@ -42,17 +36,15 @@ class Summing {
   }
 
   const std::vector<Job>& jobs() const { return jobs_; }
-  const std::vector<Summed>& sums() const { return sums_; }
+  const std::vector<RunSum>& sums() const { return sums_; }
 
  private:
   void work() {
-    codec::ZlibDecompressor decompressor;
-    std::vector<std::byte> stored;
-    std::vector<std::byte> plain;
+    RunSummer summer(image_.file());
     while (!ended_ && (options_.cancelled == nullptr || !*options_.cancelled)) {
       const std::size_t at = next_++;
       if (at >= jobs_.size()) return;
-      auto summed = sum(jobs_[at], decompressor, stored, plain);
+      auto summed = sum(jobs_[at], summer);
       if (summed) {
         sums_[at] = *summed;
         continue;
@@ -63,44 +55,17 @@ class Summing {
     }
   }
 
-  base::Result<Summed> sum(const Job& job, codec::ZlibDecompressor& decompressor,
-                           std::vector<std::byte>& stored, std::vector<std::byte>& plain) const {
-    const auto& [table, run] = job;
-    const std::uint64_t bytes = run->sectorCount * 512;
-    if (run->type == RunType::ignored) return Summed{};
-    if (run->type == RunType::zeros) return Summed{codec::CRC32::ofZeros(bytes), {}};
-    if (run->type == RunType::raw) return sumRaw(job, stored);
-    if (run->type != RunType::zlib)
-      return base::Error{"a chunk of " + table->name + " has a compression that is not known here"};
-    stored.resize(run->length);
-    plain.resize(bytes);
-    if (auto read = image_.readStored(*table, *run, stored); !read) return read.error();
-    if (!decompressor.decompress(stored, plain)) return damaged(job);
-    return Summed{codec::CRC32::of(plain), codec::CRC32::of(stored)};
-  }
-
-  base::Result<Summed> sumRaw(const Job& job, std::vector<std::byte>& piece) const {
-    const auto& [table, run] = job;
-    if (run->length != run->sectorCount * 512) return damaged(job);
-    codec::CRC32 sum;
-    for (std::uint64_t at = 0; at < run->length; at += kPieceBytes) {
-      piece.resize(static_cast<std::size_t>(std::min<std::uint64_t>(kPieceBytes, run->length - at)));
-      if (!image_.file().read(image_.fileOffset(*table, *run) + at, piece))
-        return base::Error{"a chunk of " + table->name + " cannot be read"};
-      sum.append(codec::CRC32::of(piece));
-    }
-    return Summed{sum, sum};
-  }
-
-  static base::Error damaged(const Job& job) {
-    return {"a chunk of " + job.table->name + " is damaged (sector " + std::to_string(job.run->firstSector) +
-            ")"};
+  base::Result<RunSum> sum(const Job& job, RunSummer& summer) const {
+    const std::uint64_t offset = image_.fileOffset(*job.table, *job.run);
+    const auto* known = options_.known == nullptr ? nullptr : options_.known->find(*job.run, offset);
+    if (known != nullptr) return *known;
+    return summer.sum(*job.run, offset, job.table->name);
   }
 
   const Image& image_;
   const VerifyOptions& options_;
   std::vector<Job> jobs_;
-  std::vector<Summed> sums_;
+  std::vector<RunSum> sums_;
   std::atomic<std::size_t> next_ = 0;
   std::atomic<bool> ended_ = false;
   std::mutex mutex_;

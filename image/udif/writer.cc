@@ -13,6 +13,7 @@
 #include "image/codec/checksum.h"
 #include "image/udif/aligned_appender.h"
 #include "image/udif/format.h"
+#include "image/udif/read_back.h"
 
 namespace image::udif {
 namespace {
@@ -91,6 +92,11 @@ class Assembly {
     const std::size_t window = 4 * std::size_t{options.workers};
     waiting_.resize(window);
     for (std::size_t i = 0; i < window; ++i) spare_.push_back(std::make_unique<Piece>(kChunkBytes));
+    if (auto file = options.readBack == nullptr ? nullptr : output.readBack())
+      readBack_.emplace(std::move(file),
+                        ReadBack::Options{.threads = options.workers,
+                                          .sums = *options.readBack,
+                                          .failed = [this](base::Error error) { fail(std::move(error)); }});
   }
 
   struct Claim {
@@ -134,6 +140,20 @@ class Assembly {
 
   // After all workers have ended: property list and trailer.
   base::Result<std::uint64_t> finish(std::uint64_t sectorCount) {
+    auto length = writeEnd(sectorCount);
+    if (!length || !readBack_) return length;
+    readBack_->finish();
+    base::MutexLock lock(mutex_);
+    return failure_ ? base::Result<std::uint64_t>(*failure_) : length;
+  }
+
+ private:
+  struct Due {
+    AlignedAppender::Write write;
+    std::unique_ptr<Piece> piece;
+  };
+
+  base::Result<std::uint64_t> writeEnd(std::uint64_t sectorCount) {
     base::MutexLock lock(mutex_);
     if (cancelled()) return base::Error{"it was interrupted"};
     if (failure_) return *failure_;
@@ -149,16 +169,16 @@ class Assembly {
                                         .sectorCount = sectorCount});
     if (auto written = append(std::as_bytes(std::span(list))); !written) return written.error();
     if (auto written = append(trailer); !written) return written.error();
-    const auto last = appender_.finish();
-    if (auto written = output_.write(last.offset, last.bytes); !written) return written.error();
+    if (auto written = write(appender_.finish()); !written) return written.error();
     return appender_.length();
   }
 
- private:
-  struct Due {
-    AlignedAppender::Write write;
-    std::unique_ptr<Piece> piece;
-  };
+  base::Result<void> write(const AlignedAppender::Write& due) {
+    if (due.bytes.empty()) return {};
+    auto written = output_.write(due.offset, due.bytes);
+    if (written && readBack_) readBack_->written(due.offset, due.bytes.size());
+    return written;
+  }
 
   bool cancelled() const { return options_.cancelled != nullptr && *options_.cancelled; }
   bool ended() const REQUIRES(mutex_) { return failure_.has_value() || cancelled(); }
@@ -178,6 +198,8 @@ class Assembly {
     }
     dataSum_.append(made.stored);
     if (made.piece) {
+      if (readBack_)
+        readBack_->expect(runs.back(), {made.plain, made.stored}, tables_[made.chunk.region].name);
       const auto write = appender_.place(*made.piece);
       due.push_back({write, std::move(made.piece)});
     }
@@ -188,8 +210,7 @@ class Assembly {
   }
 
   void carryOut(Due& due) {
-    if (!due.write.bytes.empty())
-      if (auto written = output_.write(due.write.offset, due.write.bytes); !written) fail(written.error());
+    if (auto written = write(due.write); !written) fail(written.error());
     {
       base::MutexLock lock(mutex_);
       spare_.push_back(std::move(due.piece));
@@ -201,8 +222,7 @@ class Assembly {
     Piece piece(bytes.size());
     std::ranges::copy(bytes, piece.space().begin());
     piece.setSize(bytes.size());
-    const auto write = appender_.place(piece);
-    return write.bytes.empty() ? base::Result<void>() : output_.write(write.offset, write.bytes);
+    return write(appender_.place(piece));
   }
 
   const ChunkList& chunks_;
@@ -220,6 +240,8 @@ class Assembly {
   std::vector<BlockTable> tables_ GUARDED_BY(mutex_);
   std::vector<codec::CRC32> tableSums_ GUARDED_BY(mutex_);
   codec::CRC32 dataSum_ GUARDED_BY(mutex_);
+  // Ends before what its threads report to.
+  std::optional<ReadBack> readBack_;
 };
 
 // One thread's work: read a chunk, sum it, make it smaller, hand it in.
@@ -278,7 +300,10 @@ base::Result<std::uint64_t> writeImage(const block::Content& disk, const std::ve
                                        block::Output& output, const WriteOptions& options) {
   const ChunkList chunks(regions);
   const std::uint64_t sectors = disk.size() / block::kSectorBytes;
-  if (options.progress != nullptr) options.progress->sectorsTotal = sectors;
+  if (options.progress != nullptr) {
+    options.progress->sectorsDone = 0;
+    options.progress->sectorsTotal = sectors;
+  }
   Assembly assembly(chunks, emptyTables(regions, options.compresses), output, options);
   {
     std::vector<std::jthread> threads;

@@ -10,6 +10,7 @@
 #include "image/block/output.h"
 #include "image/block/partitioned_disk.h"
 #include "image/codec/zlib_codec.h"
+#include "image/udif/run_sums.h"
 
 namespace image::udif {
 
@@ -30,6 +31,9 @@ struct WriteOptions {
   // Looked at between chunks; null: never cancelled.
   const std::atomic<bool>* cancelled = nullptr;
   Progress* progress = nullptr;
+  // Where set, and where the output can do it, what is written is read back from disk at once and compared;
+  // receives the sums of what was found there.
+  RunSums* readBack = nullptr;
 };
 
 // Writes the disk as a UDIF image. Reads, compresses and sums in `workers` threads and writes the chunks in

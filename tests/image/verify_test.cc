@@ -91,6 +91,23 @@ TEST_F(VerifyImage, noticesAFileThatIsCutShort) {
     EXPECT_FALSE(check({file.begin(), file.begin() + static_cast<std::ptrdiff_t>(size)}));
 }
 
+TEST_F(VerifyImage, livesThroughAnyDamageOutsideTheDataFork) {
+  const auto file = create();
+  const auto fork = (*OpenedImage::plain(std::make_unique<base::MemoryRandomAccess>(file)))
+                        ->udif()
+                        .trailer()
+                        .dataForkLength;
+  std::mt19937 random(5);
+  int noticed = 0;
+  for (int i = 0; i < 2000; ++i) {
+    auto damaged = file;
+    for (int flips = 0; flips < 4; ++flips)
+      damaged[fork + random() % (file.size() - fork)] = static_cast<std::byte>(random());
+    if (!check(damaged)) ++noticed;
+  }
+  EXPECT_GT(noticed, 1000);
+}
+
 // A fault in a volume whose checksums are right all the same.
 class VerifyVolume : public VerifyImage {
  protected:

@@ -74,13 +74,17 @@ def name_kept_in(original):
     return None
 
 
+def stored_length(name):
+    """The most bytes that an item's name could have in the volume, as 7-Zip gives it."""
+    try:
+        text = name.decode()
+    except UnicodeDecodeError:
+        return 3 * len(name)
+    return max(len(unicodedata.normalize("NFD", text).encode()), 3 * len(name) if len(text) > 80 else 0)
+
+
 def could_be_too_long(path):
-    def length(name):
-        try:
-            return len(unicodedata.normalize("NFD", name.decode()).encode())
-        except UnicodeDecodeError:
-            return 3 * len(name)
-    return any(length(name) > FILE_NAME_BYTES - 1 - len(ORIGINAL) for name in path.split(b"/"))
+    return any(stored_length(name) + 1 + len(ORIGINAL) > FILE_NAME_BYTES for name in path.split(b"/"))
 
 
 class Unpacked:
@@ -179,7 +183,8 @@ class Judge:
             return require(here.kind == "file", f"7zz x: {path} is a {here.kind}")
         require((here.kind, here.content) == (there.kind, there.content), f"7zz x: {path} is {here}, not {there}")
         for name, value in there.attributes.items():
-            require(here.attributes.get(name) == value, f"7zz x: attribute {name} of {path}")
+            unpacks = stored_length(os.path.basename(path)) + 1 + len(name) <= FILE_NAME_BYTES
+            require(not unpacks or here.attributes.get(name) == value, f"7zz x: attribute {name} of {path}")
         require(here.attributes.keys() <= there.attributes.keys(), f"7zz x: stray {here.attributes.keys()} of {path}")
         if there.kind != "link":
             require(here.mode == there.mode, f"7zz x: mode of {path} {here.mode:o}, not {there.mode:o}")

@@ -106,7 +106,8 @@ class TreeMaker:
 
     def text(self, letters, count):
         name = utf8_cut("".join(self.random.choice(letters) for _ in range(count)))
-        return name if name not in (b"", b".", b"..") else b"dots"
+        # 7-Zip calls names of blanks alone otherwise.
+        return name if name.strip(b" ") not in (b"", b".", b"..") else b"dots"
 
     def not_utf8(self):
         name = bytes(self.random.choice(b"abc \x80\xc3\xe9\xff\xed\xa0\xf0\x9f%:") for _ in range(self.random.randint(1, 20)))
