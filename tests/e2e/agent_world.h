@@ -1,0 +1,52 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/program.h"
+#include "tests/platform/posix/temporary_folder.h"
+
+// The agent's own programs, with a home of their own: settings and store below home(), folders to back up
+// beside it.
+class AgentWorld : public testing::Test {
+ protected:
+  using Arguments = std::vector<std::string>;
+  struct Outcome {
+    int status;
+    std::string output;
+    std::string errors;
+  };
+
+  // Runs the agent to its end, with nobody at a terminal.
+  Outcome runAgent(const Arguments& arguments);
+  // The same with the answer "Backup".
+  Outcome backUp(Arguments arguments);
+  // The same without root's way past permissions, which others do not have anyway.
+  Outcome backUpWithoutPrivilege(const Arguments& arguments);
+  std::unique_ptr<Program> startAgent(const Arguments& arguments);
+  std::unique_ptr<Program> openTerminal(const Arguments& arguments);
+  Outcome shell(const std::string& line);
+
+  // A folder with files of several kinds.
+  std::string makeStick(const std::string& name);
+  std::string storeOf(const std::string& volume) const { return support() + "/" + volume; }
+  std::string support() const { return dataHome + "/Stashwick 3"; }
+  std::string listFile() const { return support() + "/StashwickHelper.plist"; }
+  // Paths of the files in a folder that end so, sorted.
+  static Arguments filesIn(const std::string& folder, const std::string& suffix);
+  Arguments imagesOf(const std::string& volume) const { return filesIn(storeOf(volume), ".dmg"); }
+
+  // That 7-Zip finds no fault with the image and gets exactly the folder's contents out of it.
+  void expectHoldsFolder(const std::string& image, const std::string& folder);
+
+  TemporaryFolder temporary;
+  std::string dataHome = temporary / "home/data";
+  std::string configHome = temporary / "home/config";
+
+ private:
+  std::unique_ptr<Program> start(const Arguments& commandLine,
+                                 Program::Screen screen = Program::Screen::none);
+  static Outcome outcomeOf(Program& program);
+};
