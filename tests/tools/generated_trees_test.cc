@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
+#include <set>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -99,11 +100,16 @@ std::map<std::string, int> contents(const fs::path& folder, bool isUnpacked) {
   return found;
 }
 
+// The same of the files with several names, each file once.
 std::map<std::string, int> linkedContents(const fs::path& folder) {
   std::map<std::string, int> found;
-  for (const auto& entry : fs::recursive_directory_iterator(folder))
-    if (!entry.is_symlink() && entry.is_regular_file() && entry.hard_link_count() > 1)
-      found["file " + readFile(entry.path())] = 1;
+  std::set<ino_t> seen;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_symlink() || !entry.is_regular_file() || entry.hard_link_count() == 1) continue;
+    struct stat status {};
+    ::stat(entry.path().c_str(), &status);
+    if (seen.insert(status.st_ino).second) ++found["file " + readFile(entry.path())];
+  }
   return found;
 }
 

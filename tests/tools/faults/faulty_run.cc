@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <random>
 #include <sstream>
+#include <sys/xattr.h>
 
 #include "image/open.h"
 #include "image/verify.h"
 
-FaultyRuns::FaultyRuns(Naming naming, std::string moreArguments)
-    : naming_(naming), moreArguments_(std::move(moreArguments)) {
+FaultyRuns::FaultyRuns(Naming naming, std::string password)
+    : naming_(naming), password_(std::move(password)) {
+  scratch_.write("password", password_);
   std::minstd_rand random(1);
   std::string noise(300'000, '\0');
   for (char& b : noise) b = static_cast<char>(random());
@@ -18,23 +20,31 @@ FaultyRuns::FaultyRuns(Naming naming, std::string moreArguments)
   std::filesystem::create_symlink("text", scratch_ / "source/folder/link");
   std::filesystem::create_hard_link(scratch_ / "source/noise", scratch_ / "source/folder/again");
   std::filesystem::create_directory(scratch_ / "images");
+  ::setxattr((scratch_ / "source/noise").c_str(), "user.note", "value", 5, 0);
   create();
   contents_ = contentsOfImage();
   removeImage();
 }
 
-std::string FaultyRuns::commandLine(const Fault& fault) const {
-  std::string line =
-      "FAULT_COUNTS=" + scratch_ / "counts" + (naming_ == Naming::hidden ? " FAULT_NO_TMPFILE=1" : "");
+std::string FaultyRuns::commandLine(const Fault& fault, const std::string& options) const {
+  std::string line = "FAULT_COUNTS=" + scratch_ / "counts";
+  if (naming_ == Naming::hidden) line += " FAULT_NO_TMPFILE=1";
   if (!fault.call.empty())
     line += " FAULT_CALL=" + fault.call + " FAULT_AT=" + std::to_string(fault.at) +
             " FAULT_KIND=" + fault.kind + (fault.lasts ? " FAULT_LASTS=1" : "");
   return line +
          " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
-         source() + " " + image() + " " + moreArguments_;
+         source() + " " + image() + options;
+}
+
+std::string FaultyRuns::commandLine(const Fault& fault) const {
+  return commandLine(fault,
+                     password_.empty() ? "" : " -encryption AES-256 -stdinpass < " + scratch_ / "password");
 }
 
 ProgramResult FaultyRuns::create(const Fault& fault) { return runShell(commandLine(fault)); }
+
+ProgramResult FaultyRuns::createPlain() { return runShell(commandLine({}, "")); }
 
 std::vector<Fault> FaultyRuns::everyCall() {
   create();
@@ -62,9 +72,11 @@ std::string FaultyRuns::contentsOfImage() const {
 }
 
 std::string FaultyRuns::faultOfImage() const {
-  const auto opened = image::OpenedImage::open(image(), nullptr);
+  const base::Secret password(password_);
+  const auto opened = image::OpenedImage::open(image(), password_.empty() ? nullptr : &password);
   if (!opened) return opened.error().message;
   if (const auto counts = image::checkImage(**opened, 1, nullptr); !counts) return counts.error().message;
+  if (!password_.empty()) return "";
   const auto test = runShell("7zz t -tdmg " + image());
   if (test.status != 0 || test.output.find("WARNING") != std::string::npos) return test.output;
   return contentsOfImage() == contents_ ? "" : "other contents than the folder";

@@ -19,9 +19,13 @@ enum class Naming { nameless, hidden };
 class FaultyRuns {
  public:
   // Naming::hidden: on a file system that has no nameless files.
-  explicit FaultyRuns(Naming naming = Naming::nameless, std::string moreArguments = "");
+  explicit FaultyRuns(Naming naming) : FaultyRuns(naming, "") {}
+  // With a password, images are encrypted.
+  FaultyRuns(Naming naming, std::string password);
 
   ProgramResult create(const Fault& fault = {});
+  // Without faults or encryption.
+  ProgramResult createPlain();
   // How often a run without faults makes each call that it makes at all.
   std::vector<Fault> everyCall();
   // Everything in the image's folder.
@@ -36,10 +40,11 @@ class FaultyRuns {
   std::string commandLine(const Fault& fault) const;
 
  private:
+  std::string commandLine(const Fault& fault, const std::string& options) const;
   std::string contentsOfImage() const;
 
   ScratchFolder scratch_;
   Naming naming_;
-  std::string moreArguments_;
+  std::string password_;
   std::string contents_;
 };

@@ -35,15 +35,18 @@ enum Call {
   kFallocate,
   kStatx,
   kReadlinkat,
+  kFtruncate,
+  kLlistxattr,
+  kLgetxattr,
   kCalls
 };
-constexpr std::array<const char*, kCalls> kNames{"open",      "openat", "read",      "pread",     "write",
-                                                 "pwrite",    "fsync",  "linkat",    "renameat2", "unlinkat",
-                                                 "fallocate", "statx",  "readlinkat"};
+constexpr std::array<const char*, kCalls> kNames{
+    "open",      "openat",   "read",      "pread", "write",      "pwrite",    "fsync",      "linkat",
+    "renameat2", "unlinkat", "fallocate", "statx", "readlinkat", "ftruncate", "llistxattr", "lgetxattr"};
 
 constexpr bool isWriting(Call call) {
   return call == kOpenat || call == kPwrite || call == kFsync || call == kLinkat || call == kRenameat2 ||
-         call == kUnlinkat || call == kFallocate;
+         call == kUnlinkat || call == kFallocate || call == kFtruncate;
 }
 
 std::string_view setting(const char* name) {
@@ -121,7 +124,12 @@ Function next(const char* name) {
   return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
-std::size_t halfOf(std::size_t size) { return (size + 1) / 2; }
+// Direct reads and writes end at whole blocks however short they are.
+std::size_t halfOf(std::size_t size) {
+  constexpr std::size_t kBlock = 4096;
+  if (size % kBlock == 0 && size != 0) return (size / kBlock + 1) / 2 * kBlock;
+  return (size + 1) / 2;
+}
 
 }  // namespace
 
@@ -208,6 +216,21 @@ int statx(int folder, const char* path, int flags, unsigned mask, struct statx* 
 ssize_t readlinkat(int folder, const char* path, char* into, std::size_t size) noexcept {
   static const auto real = next<ssize_t (*)(int, const char*, char*, std::size_t)>("readlinkat");
   return carryOut(kReadlinkat, [&] { return real(folder, path, into, size); });
+}
+
+int ftruncate64(int file, off_t size) noexcept {
+  static const auto real = next<int (*)(int, off_t)>("ftruncate64");
+  return carryOut(kFtruncate, [&] { return real(file, size); });
+}
+
+ssize_t llistxattr(const char* path, char* into, std::size_t size) noexcept {
+  static const auto real = next<ssize_t (*)(const char*, char*, std::size_t)>("llistxattr");
+  return carryOut(kLlistxattr, [&] { return real(path, into, size); });
+}
+
+ssize_t lgetxattr(const char* path, const char* name, void* into, std::size_t size) noexcept {
+  static const auto real = next<ssize_t (*)(const char*, const char*, void*, std::size_t)>("lgetxattr");
+  return carryOut(kLgetxattr, [&] { return real(path, name, into, size); });
 }
 
 }  // extern "C"
