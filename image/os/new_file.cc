@@ -77,12 +77,11 @@ base::Result<OpenedFile> openHidden(int folder, const std::string& name, const s
   return posixError("cannot create", path, EEXIST);
 }
 
-base::Result<OpenedFile> openNameless(int folder, const std::string& name, const std::string& path) {
-  FileDescriptor file(::openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, kFileMode));
-  if (file) return OpenedFile{std::move(file), {}};
-  if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL || errno == ENOENT)
-    return openHidden(folder, name, path);
-  return posixError("cannot create", path, errno);
+// Not every file system has nameless files, and not every one says so in the same way.
+base::Result<OpenedFile> openUnfinished(int folder, const std::string& name, const std::string& path) {
+  FileDescriptor nameless(::openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, kFileMode));
+  if (nameless) return OpenedFile{std::move(nameless), {}};
+  return openHidden(folder, name, path);
 }
 
 class OpenFile : public base::RandomAccess {
@@ -131,7 +130,7 @@ base::Result<std::unique_ptr<NewFile>> NewFile::create(const std::string& path) 
   struct stat status {};
   if (::fstatat(folder.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return existsError(path);
   removeAbandoned(folder.number(), name);
-  auto opened = openNameless(folder.number(), name, path);
+  auto opened = openUnfinished(folder.number(), name, path);
   if (!opened) return opened.error();
   return std::unique_ptr<NewFile>(
       new NewFile(path, std::move(folder), std::move(opened->file), std::move(opened->hiddenName)));
