@@ -59,7 +59,7 @@ class Store {
     for (int file = 0; file < kFiles; ++file) {
       const fs::path folder = stick / ("Holiday pictures " + std::to_string(file / 200));
       if (file % 200 == 0) fs::create_directories(folder);
-      std::ofstream(folder / ("IMG_" + std::to_string(file) + ".jpeg"));
+      const std::ofstream picture(folder / ("IMG_" + std::to_string(file) + ".jpeg"));
     }
     const auto record = ZQStashwickQueryResult::initWithPath(files_, {stick.string(), true}, true);
     record->waitUntilReady();
@@ -75,7 +75,7 @@ class Store {
     fs::create_directories(folder);
     for (int backup = 0; backup < kBackups; ++backup) {
       const std::string name = "Nov 15, 2026, 14:05:" + std::to_string(backup);
-      std::ofstream(folder / (name + ".dmg"));
+      const std::ofstream image(folder / (name + ".dmg"));
       fs::copy_file(manifest, folder / (name + ".manifest"));
     }
   }

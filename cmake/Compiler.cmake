@@ -19,6 +19,7 @@ set(STASHWICK_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize=
 if(STASHWICK_SANITIZE)
   add_compile_options(-fsanitize=${STASHWICK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${STASHWICK_SANITIZE})
+  add_compile_definitions(_GLIBCXX_ASSERTIONS)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # The checks that the sanitizers add make GCC see uninitialised members in std::variant where there are none.
     add_compile_options(-Wno-maybe-uninitialized)

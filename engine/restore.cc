@@ -35,7 +35,7 @@ void ZQStashwick::_restoreDiscImageWithOperation(
   hasAuthenticationFailure_ = false;
   currentOperationType_ = &ZQStashwickTypeOperationRestore;
   tellBegin(std::nullopt);
-  const auto instance = andBackupInstance;
+  const auto& instance = andBackupInstance;
   operationQueue_->addOperation([this, operation, instance] { mountImage(*operation, *instance); });
   operationQueue_->addOperation([this, instance] { _eraseInstance(instance.get()); });
   operationQueue_->addOperation([this, instance] { copyImage(*instance); });

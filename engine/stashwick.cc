@@ -29,10 +29,10 @@ ZQStashwick::ZQStashwick(const ports::Host& host, std::unique_ptr<base::Operatio
       operationQueue_(std::move(queue)) {}
 
 std::unique_ptr<ZQStashwick> ZQStashwick::initWithBackupQuery(
-    const ports::Host& host, std::shared_ptr<ZQStashwickQueryResult> record) {
+    const ports::Host& host, const std::shared_ptr<ZQStashwickQueryResult>& record) {
   // Kept on purpose: no queue, so the backup goes nowhere.
   std::unique_ptr<ZQStashwick> engine(new ZQStashwick(host, nullptr));
-  engine->setBackupQuery(std::move(record));
+  engine->setBackupQuery(record);
   return engine;
 }
 
@@ -43,7 +43,7 @@ ZQStashwick::~ZQStashwick() {
   if (operationQueue_) operationQueue_->close();
 }
 
-void ZQStashwick::setBackupQuery(std::shared_ptr<ZQStashwickQueryResult> record) {
+void ZQStashwick::setBackupQuery(const std::shared_ptr<ZQStashwickQueryResult>& record) {
   {
     const base::MutexLock lock(mutex_);
     backupQuery_ = record;

@@ -55,14 +55,14 @@ class ZQStashwick {
   using Password = ZQStashwickOperation::Password;
 
   explicit ZQStashwick(const ports::Host& host);
-  static std::unique_ptr<ZQStashwick> initWithBackupQuery(const ports::Host& host,
-                                                          std::shared_ptr<ZQStashwickQueryResult> record);
+  static std::unique_ptr<ZQStashwick> initWithBackupQuery(
+      const ports::Host& host, const std::shared_ptr<ZQStashwickQueryResult>& record);
   ~ZQStashwick();
   ZQStashwick(const ZQStashwick&) = delete;
   ZQStashwick& operator=(const ZQStashwick&) = delete;
 
   // Starts a backup of the scanned volume into its folder of the store. Null only drops the record.
-  void setBackupQuery(std::shared_ptr<ZQStashwickQueryResult> record);
+  void setBackupQuery(const std::shared_ptr<ZQStashwickQueryResult>& record);
   std::shared_ptr<ZQStashwickQueryResult> backupQuery() const;
 
   // Starts a restore of the backup onto the volume that it was made from, whose contents are deleted. A null

@@ -6,9 +6,7 @@
 namespace tests::app {
 namespace {
 
-using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 using StatusItem = AgentTest;
 using StatusMenu = AgentTest;

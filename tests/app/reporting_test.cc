@@ -5,7 +5,6 @@
 namespace tests::app {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 

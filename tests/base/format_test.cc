@@ -6,7 +6,6 @@
 namespace base_test {
 
 using base::arrayDescription;
-using base::FormatArgument;
 using base::stringWithFormat;
 using base::stringWithFormatOnly;
 

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 class Notifications : public testing::Test {
  protected:
-  NotificationCenter::Token record(std::string_view name, std::string text,
+  NotificationCenter::Token record(std::string_view name, const std::string& text,
                                    NotificationCenter::Delivery delivery = nullptr) {
     return center.addObserver(name, std::move(delivery),
                               [this, text](const base::Notification&) { told.push_back(text); });

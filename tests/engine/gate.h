@@ -20,7 +20,7 @@ class Gate {
     }
     world_.wake();
     const base::MutexLock lock(mutex_);
-    changed_.wait(mutex_, [&] { return open_; });
+    while (!open_) changed_.wait(mutex_);
     held_ = false;
   }
   void open() {
