@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/binary_objects.h"
@@ -16,10 +18,23 @@ inline std::string textOf(const std::vector<std::byte>& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+inline std::vector<std::byte> bytesOf(std::string_view text) {
+  const auto bytes = std::as_bytes(std::span(text));
+  return {bytes.begin(), bytes.end()};
+}
+
+inline base::KeyedDecoder rootOf(std::vector<std::byte> archive) {
+  return base::unarchivedRoot(std::make_shared<base::MemoryRandomAccess>(std::move(archive))).value();
+}
+
 inline base::KeyedDecoder rootOf(const base::Codable& record) {
-  return base::unarchivedRoot(
-             std::make_shared<base::MemoryRandomAccess>(base::archivedDataWithRootObject(record)))
-      .value();
+  return rootOf(base::archivedDataWithRootObject(record));
+}
+
+// The archive with the URL of one file turned into one that is no file's.
+inline std::string withDamagedURL(std::string archive, const std::string& path) {
+  const auto at = archive.find("file://" + path);
+  return at == std::string::npos ? archive : archive.replace(at, 4, "gone");
 }
 
 // The keys of the archive's root object, in the order in which they stand there. It is the one object that
