@@ -120,7 +120,8 @@ class Creation {
                              .segmentID = randomGUID(),
                              .cancelled = request_.cancelled,
                              .progress = request_.progress,
-                             .readBack = request_.verifies ? &readBack_ : nullptr});
+                             .readBack = request_.verifies ? &readBack_ : nullptr,
+                             .name = request_.image});
   }
 
   // The password's key is derived while the data is written: both take their time.

@@ -96,7 +96,9 @@ class Assembly {
       readBack_.emplace(std::move(file),
                         ReadBack::Options{.threads = options.workers,
                                           .sums = *options.readBack,
-                                          .failed = [this](base::Error error) { fail(std::move(error)); }});
+                                          .failed = [this](const base::Error& error) {
+                                            fail({"verifying " + options_.name + ": " + error.message});
+                                          }});
   }
 
   struct Claim {

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "base/result.h"
@@ -34,6 +35,8 @@ struct WriteOptions {
   // Where set, and where the output can do it, what is written is read back from disk at once and compared;
   // receives the sums of what was found there.
   RunSums* readBack = nullptr;
+  // What messages about what was read back call the image.
+  std::string name{};
 };
 
 // Writes the disk as a UDIF image. Reads, compresses and sums in `workers` threads and writes the chunks in
