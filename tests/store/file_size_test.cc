@@ -2,10 +2,13 @@
 
 #include "store/file_size.h"
 
+#include <clocale>
+#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <limits>
 #include <locale>
+#include <unistd.h>
 
 #include "platform/fake/world.h"
 
@@ -26,11 +29,31 @@ class FileSizeOnDisk : public ::testing::Test {
   FileSize sizes{world.files};
 };
 
-// German habits: "1.023,5".
-class CommaPunctuation : public std::numpunct<char> {
-  char do_decimal_point() const override { return ','; }
-  char do_thousands_sep() const override { return '.'; }
-  std::string do_grouping() const override { return "\3"; }
+// German habits, "1.023,5", for every way of making texts, as long as this lives.
+class GermanLocale {
+ public:
+  GermanLocale() : folder_(std::filesystem::temp_directory_path() / ("locales-" + std::to_string(getpid()))) {
+    std::filesystem::create_directories(folder_);
+    const std::string command =
+        "localedef --no-archive -i de_DE -f UTF-8 '" + (folder_ / "de_DE.UTF-8").string() + "'";
+    made_ = std::system(command.c_str()) == 0 && setenv("LOCPATH", folder_.c_str(), 1) == 0;
+    if (made_) before_ = std::locale::global(std::locale("de_DE.UTF-8"));
+  }
+  ~GermanLocale() {
+    std::locale::global(before_);
+    unsetenv("LOCPATH");
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  GermanLocale(const GermanLocale&) = delete;
+  GermanLocale& operator=(const GermanLocale&) = delete;
+
+  bool made() const { return made_; }
+
+ private:
+  std::filesystem::path folder_;
+  std::locale before_;
+  bool made_ = false;
 };
 
 TEST_F(FileSizeText, countsBytesUpTo1022) {
@@ -72,13 +95,13 @@ TEST_F(FileSizeText, hasOneDecimalForKilobytesAndTwoForTheRest) {
 }
 
 TEST_F(FileSizeText, hasAFullStopAndNoThousandsSeparatorsInALocaleWithCommas) {
-  const std::locale before = std::locale::global(std::locale(std::locale(), new CommaPunctuation));
-  const std::string texts[] = {text(1022), text(1536), text(1'572'864), text(std::uint64_t{5} << 40)};
-  std::locale::global(before);
-  EXPECT_EQ(texts[0], "1022 bytes");
-  EXPECT_EQ(texts[1], "1.5 KB");
-  EXPECT_EQ(texts[2], "1.50 MB");
-  EXPECT_EQ(texts[3], "5120.00 GB");
+  const GermanLocale german;
+  ASSERT_TRUE(german.made());
+  ASSERT_STREQ(localeconv()->decimal_point, ",");
+  EXPECT_EQ(text(1022), "1022 bytes");
+  EXPECT_EQ(text(1536), "1.5 KB");
+  EXPECT_EQ(text(1'572'864), "1.50 MB");
+  EXPECT_EQ(text(std::uint64_t{5} << 40), "5120.00 GB");
 }
 
 TEST_F(FileSizeOnDisk, fileIsAsLongAsItsContents) {
