@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "image/os/host.h"
 #include "image/udif/reader.h"
@@ -21,12 +23,37 @@ base::Result<hfs::VolumeCounts> checkVolumes(const udif::Image& image) {
   return counts;
 }
 
-base::Result<void> checkSectorCount(const udif::Image& image) {
+// Sectors of the disk, or of a table's region.
+struct Sectors {
+  std::uint64_t first;
+  std::uint64_t count;
+};
+
+enum class Gaps { allowed, faults };
+
+// Whether the parts lie beside each other within `whole` sectors and reach its end.
+bool fill(std::vector<Sectors> parts, std::uint64_t whole, Gaps gaps) {
+  std::ranges::sort(parts, {}, &Sectors::first);
   std::uint64_t end = 0;
-  for (const udif::BlockTable& table : image.tables())
-    end = std::max(end, table.firstSector + table.sectorCount);
-  if (end == image.trailer().sectorCount) return {};
-  return base::Error{"its trailer counts other sectors than its tables have"};
+  for (const auto& [first, count] : parts) {
+    if (first < end || (first != end && gaps == Gaps::faults) || count > whole || first > whole - count)
+      return false;
+    end = first + count;
+  }
+  return end == whole;
+}
+
+base::Result<void> checkSectors(const udif::Image& image) {
+  std::vector<Sectors> regions;
+  for (const udif::BlockTable& table : image.tables()) {
+    regions.push_back({table.firstSector, table.sectorCount});
+    std::vector<Sectors> runs;
+    for (const udif::Run& run : table.runs) runs.push_back({run.firstSector, run.sectorCount});
+    if (!fill(std::move(runs), table.sectorCount, Gaps::faults))
+      return base::Error{"the chunks of " + table.name + " are not its sectors"};
+  }
+  if (fill(std::move(regions), image.trailer().sectorCount, Gaps::allowed)) return {};
+  return base::Error{"its tables overlap, or its trailer counts other sectors than they have"};
 }
 
 }  // namespace
@@ -34,7 +61,7 @@ base::Result<void> checkSectorCount(const udif::Image& image) {
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
                                            const std::atomic<bool>* cancelled, const udif::RunSums* known) {
   if (workers == 0) workers = os::processors();
-  if (auto counted = checkSectorCount(image.udif()); !counted) return counted.error();
+  if (auto placed = checkSectors(image.udif()); !placed) return placed.error();
   if (auto sums =
           udif::verifyChecksums(image.udif(), {.workers = workers, .cancelled = cancelled, .known = known});
       !sums)
