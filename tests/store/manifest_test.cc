@@ -1,7 +1,5 @@
 // What a backup's manifest tells of it, and manifests that tell nothing.
 
-#include <algorithm>
-#include <functional>
 #include <memory>
 
 #include "base/binary_property_list.h"
@@ -47,6 +45,20 @@ class CountingArchives : public platform::fake::Archives {
 
  private:
   platform::fake::Files& files_;
+};
+
+// Says what an operation says, under another class's name.
+class LookAlike : public base::Codable {
+ public:
+  explicit LookAlike(std::shared_ptr<ZQStashwickQueryResult> scan) : scan_(std::move(scan)) {}
+  std::string_view className() const override { return "ZQStashwickSomething"; }
+  void encodeWithCoder(base::KeyedEncoder& coder) const override {
+    coder.encodeString("encryption", "AES-256");
+    coder.encodeObject("result", scan_.get());
+  }
+
+ private:
+  std::shared_ptr<ZQStashwickQueryResult> scan_;
 };
 
 class Manifest : public CatalogueTest {
@@ -152,6 +164,8 @@ TEST_F(Manifest, thatIsAFolderReadsAsMissing) {
 
 TEST_F(Manifest, ofAnotherClassReadsAsMissing) {
   archive(*scan({"a"}), "x.manifest");
+  expectNoManifest();
+  archive(LookAlike(scan({"a"})), "x.manifest");
   expectNoManifest();
 }
 
