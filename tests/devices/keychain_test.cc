@@ -366,7 +366,6 @@ TEST_F(KeychainWriting, tellsTheStatusOfTheAdditionAndNotOfTheDeletion) {
   const base::Secret password("secret");
   EXPECT_FALSE(KXKeychain::setPasswordData(items, &password, "Stashwick 3", "Tess Ter", &error));
   EXPECT_EQ(error, errorOf(ports::errSecDuplicateItem));
-  EXPECT_FALSE(KXKeychain::setPassword(items, nullptr, "Stashwick 3", "Tess Ter"));
 }
 
 TEST_F(KeychainWriting, thatFailsIsFalseWithoutAPlaceForTheError) {
