@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <limits>
-#include <locale>
 #include <unistd.h>
 
 #include "platform/fake/world.h"
@@ -29,7 +28,7 @@ class FileSizeOnDisk : public ::testing::Test {
   FileSize sizes{world.files};
 };
 
-// German habits, "1.023,5", for every way of making texts, as long as this lives.
+// German habits, "1.023,5", as long as this lives.
 class GermanLocale {
  public:
   GermanLocale() : folder_(std::filesystem::temp_directory_path() / ("locales-" + std::to_string(getpid()))) {
@@ -37,10 +36,10 @@ class GermanLocale {
     const std::string command =
         "localedef --no-archive -i de_DE -f UTF-8 '" + (folder_ / "de_DE.UTF-8").string() + "'";
     made_ = std::system(command.c_str()) == 0 && setenv("LOCPATH", folder_.c_str(), 1) == 0;
-    if (made_) before_ = std::locale::global(std::locale("de_DE.UTF-8"));
+    made_ = made_ && setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
   }
   ~GermanLocale() {
-    std::locale::global(before_);
+    setlocale(LC_ALL, "C");
     unsetenv("LOCPATH");
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
@@ -52,7 +51,6 @@ class GermanLocale {
 
  private:
   std::filesystem::path folder_;
-  std::locale before_;
   bool made_ = false;
 };
 
