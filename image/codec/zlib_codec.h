@@ -7,7 +7,8 @@
 
 namespace image::codec {
 
-// How much time to spend on a smaller result. `fast` is one ISA-L pass; `small` is libdeflate's level 6.
+// How much time to spend on a smaller result. `fast` is one ISA-L pass over what
+// does not look like noise, and runs on processors without vectors too; `small` is libdeflate's level 6.
 enum class Effort { fast, small };
 
 // Makes zlib streams (RFC 1950). One thread at a time; keeps its working memory between calls.

@@ -61,6 +61,36 @@ TEST_P(ZlibCodec, givesBackWhatItMadeSmaller) {
   }
 }
 
+TEST_P(ZlibCodec, givesBackTextAndNoiseInTurn) {
+  ZlibCompressor compressor(GetParam());
+  ZlibDecompressor decompressor;
+  for (const std::size_t part : {1000, 4096, 20'000, 150'000}) {
+    std::vector<std::byte> bytes;
+    for (unsigned i = 0; bytes.size() < 900'000; ++i) {
+      const auto next = i % 2 == 0 ? noise(part, i) : text(part);
+      bytes.insert(bytes.end(), next.begin(), next.end());
+    }
+    std::vector<std::byte> small(bytes.size());
+    small.resize(compressor.compress(bytes, small));
+    EXPECT_GT(small.size(), bytes.size() / 2);
+    EXPECT_LT(small.size(), bytes.size() * 3 / 4);
+    std::vector<std::byte> back(bytes.size());
+    ASSERT_TRUE(decompressor.decompress(small, back));
+    EXPECT_EQ(back, bytes);
+  }
+}
+
+TEST_P(ZlibCodec, fitsExactlyOrSaysSo) {
+  ZlibCompressor compressor(GetParam());
+  auto bytes = noise(200'000);
+  std::ranges::fill(std::span(bytes).first(100'000), std::byte{'x'});
+  std::vector<std::byte> room(bytes.size());
+  const std::size_t needed = compressor.compress(bytes, room);
+  ASSERT_GT(needed, 100'000u);
+  EXPECT_EQ(compressor.compress(bytes, std::span(room).first(needed - 1)), 0u);
+  EXPECT_EQ(compressor.compress(bytes, std::span(room).first(1)), 0u);
+}
+
 TEST_P(ZlibCodec, saysWhenTheRoomDoesNotDo) {
   ZlibCompressor compressor(GetParam());
   const auto bytes = noise(1 << 16);
