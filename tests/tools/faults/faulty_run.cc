@@ -1,12 +1,17 @@
 #include "tests/tools/faults/faulty_run.h"
 
 #include <algorithm>
+#include <ostream>
 #include <random>
 #include <sstream>
 #include <sys/xattr.h>
 
 #include "image/open.h"
 #include "image/verify.h"
+
+std::ostream& operator<<(std::ostream& out, Naming naming) {
+  return out << (naming == Naming::hidden ? "hidden" : "nameless");
+}
 
 FaultyRuns::FaultyRuns(Naming naming, std::string password)
     : naming_(naming), password_(std::move(password)) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@ struct Fault {
 };
 
 enum class Naming { nameless, hidden };
+std::ostream& operator<<(std::ostream& out, Naming naming);
 
 // Runs of the real tool over a small folder, in an environment where system calls fail.
 class FaultyRuns {

@@ -29,8 +29,7 @@ struct Setting {
   std::string password;
 };
 std::ostream& operator<<(std::ostream& out, const Setting& setting) {
-  return out << (setting.naming == Naming::hidden ? "hidden" : "nameless")
-             << (setting.password.empty() ? "" : ", encrypted");
+  return out << setting.naming << (setting.password.empty() ? "" : ", encrypted");
 }
 
 class Kills : public testing::TestWithParam<Setting> {
