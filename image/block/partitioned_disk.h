@@ -21,7 +21,7 @@ struct Region {
 
 // A disk with a GUID partition table (UEFI specification, chapter 5) and one HFS+ partition that begins at
 // sector 40, so that 4096-byte blocks are aligned. Everything around the volume is a few kilobytes of memory.
-class PartitionedDisk : public Content {
+class PartitionedDisk final : public Content {
  public:
   static constexpr std::uint64_t kPartitionSector = 40;
 

@@ -140,8 +140,9 @@ base::Secret cryptKeys(const base::Secret& key, std::span<const std::byte> iv, s
                            static_cast<int>(from.size())) == 1);
   const bool whole =
       EVP_CipherFinal_ex(context.get(), octets(std::span<std::byte>(made)) + first, &last) == 1;
-  base::Secret result(whole ? viewOf(made).substr(0, static_cast<std::size_t>(first + last))
-                            : std::string_view());
+  base::Secret result(
+      whole ? viewOf(made).substr(0, static_cast<std::size_t>(first) + static_cast<std::size_t>(last))
+            : std::string_view());
   base::wipeMemory(made.data(), made.size());
   return result;
 }

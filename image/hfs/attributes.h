@@ -23,7 +23,7 @@ struct Attribute {
 
 // The records of a volume's attributes file: the items' extended attributes and what Original keeps. A value
 // too long for a node stands in blocks of its own.
-class AttributeRecords : public RecordSource {
+class AttributeRecords final : public RecordSource {
  public:
   // The tree is finished and outlives the records.
   AttributeRecords(const Tree& tree, std::uint32_t blockBytes);

@@ -167,13 +167,13 @@ void Tree::addIndirectNodes() {
   nodes_.push_back({.times = rootTimes, .parent = kRootNode, .mode = mode::kFolder | 0755});
   nodes_[privateFolder_].first = privateFolder_ + 1;
   nodes_[privateFolder_].children = static_cast<std::uint32_t>(linkGroups_.size());
-  for (std::uint32_t group = 0; group < linkGroups_.size(); ++group) {
-    linkGroups_[group].indirect = static_cast<NodeIndex>(nodes_.size());
-    Node indirect = nodes_[linkGroups_[group].links.front()];
+  for (auto& group : linkGroups_) {
+    group.indirect = static_cast<NodeIndex>(nodes_.size());
+    Node indirect = nodes_[group.links.front()];
     indirect.parent = privateFolder_;
-    indirect.name = linkGroups_[group].links.front();
+    indirect.name = group.links.front();
     indirect.nameBytes = 0;
-    for (const NodeIndex link : linkGroups_[group].links) nodes_[link].size = 0;
+    for (const NodeIndex link : group.links) nodes_[link].size = 0;
     nodes_.push_back(indirect);
   }
   const Node& root = nodes_[kRootNode];

@@ -81,14 +81,16 @@ int openProcess(pid_t process) { return static_cast<int>(::syscall(SYS_pidfd_ope
 class TerminalDesktop::StatusItem : public ports::StatusItem {
  public:
   explicit StatusItem(TerminalDesktop& desktop) : desktop_(desktop.self_) {}
-  ~StatusItem() override { setMenu(nullptr); }
+  ~StatusItem() override { show(nullptr); }
   void setImage(const std::string& /*a terminal shows no images*/) override {}
   void setHighlightMode(bool /*nothing is pressed*/) override {}
-  void setMenu(std::shared_ptr<const ports::Menu> menu) override {
+  void setMenu(std::shared_ptr<const ports::Menu> menu) override { show(std::move(menu)); }
+
+ private:
+  void show(Menu menu) {
     if (const auto desktop = desktop_.lock()) (*desktop)->setMenu(std::move(menu));
   }
 
- private:
   std::weak_ptr<TerminalDesktop*> desktop_;
 };
 

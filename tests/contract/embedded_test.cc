@@ -157,7 +157,7 @@ class EmbeddedDesktop : public InMainLoop {
     platform::posix::FileDescriptor write;
   };
 
-  void type(const std::string& keys) {
+  void type(const std::string& keys) const {
     ASSERT_EQ(::write(input_.write.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
   void atNextAlert(Act act) {

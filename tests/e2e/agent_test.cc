@@ -10,7 +10,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;

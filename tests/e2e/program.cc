@@ -128,7 +128,7 @@ void Program::type(const std::string& keys) {
   ASSERT_EQ(::write(input_.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
 }
 
-void Program::signal(int number) { ASSERT_EQ(::kill(process_, number), 0); }
+void Program::signal(int number) const { ASSERT_EQ(::kill(process_, number), 0); }
 
 int Program::wait() {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience);

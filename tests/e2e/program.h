@@ -23,7 +23,7 @@ class Program {
   // Waits for the text in what came after the text expected last, and fails when it does not come.
   void expect(const std::string& text);
   void type(const std::string& keys);
-  void signal(int number);
+  void signal(int number) const;
   // Waits for the end. The exit status, or 128 and the signal that ended it.
   int wait();
 

@@ -14,7 +14,6 @@ namespace image {
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 std::vector<std::byte> bytesOf(const std::string& text) {
   const auto bytes = std::as_bytes(std::span(text));

@@ -2,9 +2,9 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 ScratchFolder::ScratchFolder() {

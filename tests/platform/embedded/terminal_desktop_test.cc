@@ -41,10 +41,10 @@ class TerminalDesktopTest : public testing::Test {
   }
   TerminalDesktop& interactive() { return desktop({.isInteractive = true}); }
 
-  void type(std::string_view keys) {
+  void type(std::string_view keys) const {
     ASSERT_EQ(::write(input.write.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
-  std::string screen() {
+  std::string screen() const {
     std::string shown;
     std::array<char, 4096> buffer;
     for (ssize_t size; (size = ::read(output.read.get(), buffer.data(), buffer.size())) > 0;) {

@@ -47,9 +47,9 @@ std::string FaultyRuns::commandLine(const Fault& fault) const {
                      password_.empty() ? "" : " -encryption AES-256 -stdinpass < " + scratch_ / "password");
 }
 
-ProgramResult FaultyRuns::create(const Fault& fault) { return runShell(commandLine(fault)); }
+ProgramResult FaultyRuns::create(const Fault& fault) const { return runShell(commandLine(fault)); }
 
-ProgramResult FaultyRuns::createPlain() { return runShell(commandLine({}, "")); }
+ProgramResult FaultyRuns::createPlain() const { return runShell(commandLine({}, "")); }
 
 std::vector<Fault> FaultyRuns::everyCall() {
   create();

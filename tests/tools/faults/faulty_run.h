@@ -25,9 +25,9 @@ class FaultyRuns {
   // With a password, images are encrypted.
   FaultyRuns(Naming naming, std::string password);
 
-  ProgramResult create(const Fault& fault = {});
+  ProgramResult create(const Fault& fault = {}) const;
   // Without faults or encryption.
-  ProgramResult createPlain();
+  ProgramResult createPlain() const;
   // How often a run without faults makes each call that it makes at all.
   std::vector<Fault> everyCall();
   // Everything in the image's folder.

@@ -13,9 +13,7 @@
 
 namespace {
 
-using testing::AnyOf;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
 
 // How many instants are tried; scripts/prove_kills asks for more.
