@@ -45,9 +45,11 @@ constexpr Range kIdleInTrailer[]{
     {12, 24},    // flags; where the data fork stands while an image of several files is being put together
     {40, 64},    // resource fork, which there is none of; number and count of files
     {64, 80},    // random identifier
+    {83, 84},    // kind of the data fork's sum: many makers leave it out, and the tables' own sums hold
     {92, 216},   // the rest of a sum's 128 bytes
     {231, 232},  // one more or less of the property list's length, which ends with a line feed
     {232, 352},  // reserved
+    {355, 356},  // kind of the master sum: the same
     {364, 488},  // the rest of a sum's 128 bytes
     {488, 492},  // variant: readers go by the tables
     {500, 512},  // reserved
@@ -69,8 +71,8 @@ bool isSameTable(const udif::BlockTable& a, const udif::BlockTable& b) {
 bool meansTheSame(const udif::Image& a, const udif::Image& b) {
   return a.trailer().dataForkOffset == b.trailer().dataForkOffset &&
          a.trailer().dataForkLength == b.trailer().dataForkLength &&
-         a.trailer().dataChecksum == b.trailer().dataChecksum &&
-         a.trailer().masterChecksum == b.trailer().masterChecksum &&
+         (!a.trailer().dataChecksum || a.trailer().dataChecksum == b.trailer().dataChecksum) &&
+         (!a.trailer().masterChecksum || a.trailer().masterChecksum == b.trailer().masterChecksum) &&
          a.trailer().sectorCount == b.trailer().sectorCount &&
          std::ranges::equal(a.tables(), b.tables(), isSameTable);
 }
