@@ -1,0 +1,107 @@
+#include <memory>
+#include <ostream>
+
+#include "base/xml_property_list.h"
+#include "image/create.h"
+#include "tools/hdiutil_verbs.h"
+#include "tools/progress_display.h"
+
+namespace tools {
+
+const std::string_view kCreateUsage =
+    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
+    "                      [-encryption AES-128|AES-256 -stdinpass] [-skipunreadable] [-puppetstrings] "
+    "[-plist]\n"
+    "                      [-verbose] IMAGE\n";
+
+namespace {
+
+// The file name without folders.
+std::string lastComponent(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path.substr(path.rfind('/') + 1);
+}
+
+base::Result<image::CreateRequest> createRequest(const Arguments& arguments) {
+  const auto source = arguments.value("-srcfolder");
+  if (!source || source->empty()) return base::Error{"-srcfolder is missing"};
+  if (arguments.operands().size() != 1 || arguments.operands()[0].empty())
+    return base::Error{"one image path is needed"};
+  if (arguments.value("-fs").value_or("HFS+") != "HFS+")
+    return base::Error{"unknown file system " + *arguments.value("-fs")};
+  const std::string format = arguments.value("-format").value_or("UDZO");
+  if (format != "UDZO" && format != "UDRO") return base::Error{"unknown format " + format};
+  return image::CreateRequest{.source = *source,
+                              .volumeName = arguments.value("-volname").value_or(lastComponent(*source)),
+                              .image = arguments.operands()[0],
+                              .format = format == "UDZO" ? image::Format::zlib : image::Format::raw};
+}
+
+void reportCreated(const std::string& path, bool asPropertyList, std::ostream& out) {
+  if (asPropertyList)
+    out << base::writeXMLPropertyList(base::PropertyList::Array{path});
+  else
+    out << "created: " << path << "\n";
+}
+
+// Encryption without a password on standard input is refused: nobody could be asked for one.
+base::Result<std::optional<image::Encryption>> readEncryption(const Arguments& arguments,
+                                                              const HdiutilHost& host) {
+  const auto name = arguments.value("-encryption");
+  if (!name) return std::optional<image::Encryption>();
+  const auto method = image::crypt::methodNamed(*name);
+  if (!method) return base::Error{"unknown encryption method \"" + *name + "\""};
+  if (!arguments.has("-stdinpass")) return base::Error{"-encryption needs -stdinpass"};
+  auto password = host.readPassword();
+  if (!password) return password.error();
+  if (password->empty()) return base::Error{"the password on standard input is empty"};
+  return std::optional(image::Encryption{*method, std::move(*password)});
+}
+
+// Lines for programs when they are asked for, a bar for a person who watches and sees no phases. With -plist
+// standard output belongs to the property list.
+std::unique_ptr<ProgressDisplay> progressDisplay(const Arguments& arguments,
+                                                 const image::udif::Progress& progress,
+                                                 const HdiutilHost& host) {
+  using Style = ProgressDisplay::Style;
+  if (arguments.has("-puppetstrings"))
+    return std::make_unique<ProgressDisplay>(progress, Style::percentLines,
+                                             arguments.has("-plist") ? host.error : host.out);
+  if (!host.errorIsTerminal || arguments.has("-verbose")) return nullptr;
+  return std::make_unique<ProgressDisplay>(progress, Style::bar, host.error);
+}
+
+}  // namespace
+
+int create(const std::vector<std::string>& given, const HdiutilHost& host) {
+  const auto arguments =
+      Arguments::parse(given, 1,
+                       {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-encryption"},
+                        .alone = {"-plist", "-verbose", "-stdinpass", "-skipunreadable", "-puppetstrings"}});
+  if (!arguments) return fail(host, "create", arguments.error().message, kNotUnderstood);
+  auto request = createRequest(*arguments);
+  if (!request) {
+    host.error << kCreateUsage;
+    return fail(host, "create", request.error().message, kNotUnderstood);
+  }
+  auto encryption = readEncryption(*arguments, host);
+  if (!encryption) return fail(host, "create", encryption.error().message, kNotUnderstood);
+  request->encryption = std::move(*encryption);
+  request->cancelled = &host.cancelled;
+  request->skipsUnreadable = arguments->has("-skipunreadable");
+  if (arguments->has("-verbose"))
+    request->phase = [&host](std::string_view text) { host.error << "hdiutil: " << text << "\n"; };
+  image::udif::Progress progress;
+  request->progress = &progress;
+  const auto report = [&] {
+    const auto display = progressDisplay(*arguments, progress, host);
+    return image::createImage(*request);
+  }();
+  if (!report) return fail(host, "create", report.error().message);
+  for (const auto& item : report->leftOut) host.error << "hdiutil: left out: " << item << "\n";
+  reportCreated(request->image, arguments->has("-plist"), host.out);
+  host.out.flush();
+  return host.out ? kDone : fail(host, "create", "cannot write to standard output");
+}
+
+}  // namespace tools

@@ -1,0 +1,35 @@
+#pragma once
+
+// Between the verbs of the disk image tool.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "image/open.h"
+#include "tools/arguments.h"
+#include "tools/hdiutil.h"
+
+namespace tools {
+
+inline constexpr int kDone = 0;
+inline constexpr int kFailed = 1;
+inline constexpr int kNotUnderstood = 64;
+
+// A verb: its arguments, itself first.
+int create(const std::vector<std::string>& arguments, const HdiutilHost& host);
+int verify(const std::vector<std::string>& arguments, const HdiutilHost& host);
+int imageInfo(const std::vector<std::string>& arguments, const HdiutilHost& host);
+
+// The lines of the usage text that are about a group of verbs.
+extern const std::string_view kCreateUsage;
+extern const std::string_view kInspectUsage;
+
+// Says that the verb failed and why; gives the status.
+int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason, int status = kFailed);
+
+// The image that the one operand names, opened with the password that -stdinpass says is on standard input.
+base::Result<std::unique_ptr<image::OpenedImage>> openImage(const Arguments& arguments,
+                                                            const HdiutilHost& host);
+
+}  // namespace tools
