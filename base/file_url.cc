@@ -58,10 +58,10 @@ std::optional<FileURL> FileURL::fromAbsoluteString(std::string_view text) {
   for (const std::string_view prefix : {"file://localhost/", "file:///"}) {
     if (!text.starts_with(prefix)) continue;
     text.remove_prefix(prefix.size() - 1);
-    const bool isDirectory = text.ends_with('/');
-    if (isDirectory && text.size() > 1) text.remove_suffix(1);
     auto path = percentDecoded(text);
     if (!path) return std::nullopt;
+    const bool isDirectory = path->ends_with('/');
+    while (path->size() > 1 && path->ends_with('/')) path->pop_back();
     return FileURL{std::move(*path), isDirectory};
   }
   return std::nullopt;

@@ -35,6 +35,12 @@ TEST(FileURL, refusesWhatIsNoFileOfThisMachine) {
     EXPECT_EQ(FileURL::fromAbsoluteString(text), std::nullopt) << text;
 }
 
+TEST(FileURL, readsAFolderWithSeveralSlashesAtItsEndAsOneWithOne) {
+  for (const char* text : {"file:///a//", "file:///a/%2F", "file:///a%2f/"})
+    EXPECT_EQ(FileURL::fromAbsoluteString(text), (FileURL{"/a", true})) << text;
+  EXPECT_EQ(FileURL::fromAbsoluteString("file:////"), (FileURL{"/", true}));
+}
+
 TEST(FileURL, refusesBadPercentEncoding) {
   for (const char* text :
        {"file:///%zz", "file:///%", "file:///%4", "file:///a%g0", "file:///%0g", "file:///%00"})

@@ -285,6 +285,11 @@ TEST(KeyedDecoder, readsNoURLThatHoldsANulByte) {
   EXPECT_EQ(scan->decodeURL("path"), std::nullopt);
 }
 
+TEST(KeyedDecoder, readsAURLThatEndsInTwoSlashesAsAFolders) {
+  const auto scan = root(corpus("url_with_two_slashes.manifest")).decodeObject("result");
+  EXPECT_EQ(scan->decodeURL("path"), (FileURL{"/VolumesICKST", true}));
+}
+
 TEST(KeyedDecoder, readsOnlyURLsAsURLs) {
   const auto decoded = [](const char* name) {
     return root(archiveOfValue(Dictionary{{"NS.relative", UID{5}}, {"$class", UID{6}}},
