@@ -1,5 +1,6 @@
 #include "image/hfs/nanoseconds.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -10,7 +11,7 @@ namespace image::hfs {
 namespace {
 
 constexpr std::string_view kSignature = "stashwick.nsec.1";
-constexpr std::size_t kEntryBytes = 16;
+constexpr std::size_t kEntryBytes = kNanosecondsEntryBytes;
 static_assert(kSignature.size() == kEntryBytes);
 
 std::array<std::byte, kEntryBytes> entryOf(const Times& times) {
@@ -36,6 +37,18 @@ void readNanoseconds(const Tree& tree, std::uint64_t offset, std::span<std::byte
   const std::uint64_t end = offset + into.size();
   for (std::uint64_t at = std::max(offset / kEntryBytes, std::uint64_t{1}); at * kEntryBytes < end; ++at)
     block::copyOverlap(entryOf(tree.nodes()[at - 1].times), at * kEntryBytes, into, offset);
+}
+
+bool isNanosecondsSignature(std::span<const std::byte> bytes) {
+  return std::ranges::equal(bytes, std::as_bytes(std::span(kSignature)));
+}
+
+std::optional<std::uint64_t> nanosecondsOffset(std::uint32_t catalogID) {
+  constexpr std::uint32_t kRootID = 2;
+  constexpr std::uint32_t kFirstUserID = 16;
+  if (catalogID == kRootID) return kSignature.size();
+  if (catalogID < kFirstUserID) return std::nullopt;
+  return kSignature.size() + (std::uint64_t{catalogID} - kFirstUserID + 1) * kEntryBytes;
 }
 
 }  // namespace image::hfs

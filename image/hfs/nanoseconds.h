@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "image/hfs/tree.h"
@@ -17,5 +18,11 @@ namespace image::hfs {
 std::uint64_t nanosecondsBytes(const Tree& tree);
 // Any part of them, wholly inside nanosecondsBytes().
 void readNanoseconds(const Tree& tree, std::uint64_t offset, std::span<std::byte> into);
+
+// For readers of any volume: what the entries are long, whether the table begins with these bytes, and where
+// in it the entry of a catalog number stands; nullopt for a number that has none.
+inline constexpr std::size_t kNanosecondsEntryBytes = 16;
+bool isNanosecondsSignature(std::span<const std::byte> bytes);
+std::optional<std::uint64_t> nanosecondsOffset(std::uint32_t catalogID);
 
 }  // namespace image::hfs

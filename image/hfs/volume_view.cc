@@ -8,8 +8,6 @@ namespace image::hfs {
 namespace {
 
 constexpr std::size_t kDescriptorBytes = 14;
-constexpr std::int8_t kLeafNode = -1;
-constexpr std::int8_t kIndexNode = 0;
 constexpr std::int8_t kHeaderNode = 1;
 constexpr std::int8_t kMapNode = 2;
 
@@ -60,9 +58,12 @@ base::Result<VolumeHeader> VolumeHeader::decode(std::span<const std::byte> bytes
   const bool isPlus = signature == 0x482B && version == 4;
   const bool isX = signature == 0x4858 && version == 5;
   if (!isPlus && !isX) return base::Error{"the volume header is not that of an HFS+ volume"};
-  header.order = NameOrder::caseFolding;
+  header.isX = isX;
   header.attributes = in.get<std::uint32_t>();
-  in.skip(4 + 4 + 4 * 4);
+  in.skip(4);
+  header.journalInfoBlock = in.get<std::uint32_t>();
+  header.created = in.get<std::uint32_t>();
+  in.skip(3 * 4);
   header.fileCount = in.get<std::uint32_t>();
   header.folderCount = in.get<std::uint32_t>();
   header.blockBytes = in.get<std::uint32_t>();
@@ -82,26 +83,36 @@ base::Result<VolumeHeader> VolumeHeader::decode(std::span<const std::byte> bytes
   return header;
 }
 
+ForkMap::ForkMap(std::uint32_t blockBytes, std::vector<Extent> extents)
+    : blockBytes_(blockBytes), extents_(std::move(extents)) {
+  for (const Extent& extent : extents_) {
+    starts_.push_back(bytes_);
+    bytes_ += std::uint64_t{extent.blocks} * blockBytes_;
+  }
+}
+
+ForkMap::Part ForkMap::partAt(std::uint64_t offset) const {
+  const auto at = static_cast<std::size_t>(std::ranges::upper_bound(starts_, offset) - starts_.begin()) - 1;
+  const std::uint64_t inside = offset - starts_[at];
+  return {std::uint64_t{extents_[at].firstBlock} * blockBytes_ + inside,
+          std::uint64_t{extents_[at].blocks} * blockBytes_ - inside};
+}
+
 ForkView::ForkView(const base::RandomAccess& volume, std::uint32_t blockBytes, std::uint64_t size,
                    std::vector<Extent> extents)
-    : volume_(volume), blockBytes_(blockBytes), size_(size), extents_(std::move(extents)) {}
+    : volume_(volume), size_(size), map_(blockBytes, std::move(extents)) {}
 
 bool ForkView::read(std::uint64_t offset, std::span<std::byte> into) const {
-  if (offset > size_ || into.size() > size_ - offset) return false;
-  for (const Extent& extent : extents_) {
-    const std::uint64_t bytes = std::uint64_t{extent.blocks} * blockBytes_;
-    if (into.empty()) return true;
-    if (offset >= bytes) {
-      offset -= bytes;
-      continue;
-    }
-    const auto part =
-        into.first(static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), bytes - offset)));
-    if (!volume_.read(std::uint64_t{extent.firstBlock} * blockBytes_ + offset, part)) return false;
+  const std::uint64_t whole = std::min(size_, map_.bytes());
+  if (offset > whole || into.size() > whole - offset) return false;
+  while (!into.empty()) {
+    const ForkMap::Part at = map_.partAt(offset);
+    const auto part = into.first(static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), at.bytes)));
+    if (!volume_.read(at.volumeOffset, part)) return false;
     into = into.subspan(part.size());
-    offset = 0;
+    offset += part.size();
   }
-  return into.empty();
+  return true;
 }
 
 RecordView splitRecord(std::span<const std::byte> record) {
@@ -110,6 +121,17 @@ RecordView splitRecord(std::span<const std::byte> record) {
   const std::size_t data = length + (length & 1);
   if (data > record.size()) return {};
   return {record.first(length), record.subspan(data)};
+}
+
+CatalogKey catalogKey(std::span<const std::byte> key) { return {number(key, 2), keyName(key, 6)}; }
+
+AttributeKey attributeKey(std::span<const std::byte> key) {
+  return {number(key, 4), number(key, 8), keyName(key, 12)};
+}
+
+ExtentsKey extentsKey(std::span<const std::byte> key) {
+  const auto fork = key.size() < 3 ? std::uint8_t{0} : std::to_integer<std::uint8_t>(key[2]);
+  return {number(key, 4), fork, number(key, 8)};
 }
 
 KeyOrder catalogOrder(NameOrder order) {

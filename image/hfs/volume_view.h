@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/byte_order.h"
@@ -28,8 +29,15 @@ struct ForkRecord {
 ForkRecord getFork(base::ByteReader& in);
 
 struct VolumeHeader {
+  static constexpr std::uint32_t kUnmountedCleanly = 0x100;
+  static constexpr std::uint32_t kJournaled = 0x2000;
+
   NameOrder order = NameOrder::caseFolding;
+  // HFSX, whose catalog file says which order its names have.
+  bool isX = false;
   std::uint32_t attributes = 0;
+  std::uint32_t journalInfoBlock = 0;
+  std::uint32_t created = 0;
   std::uint32_t fileCount = 0;
   std::uint32_t folderCount = 0;
   std::uint32_t blockBytes = 0;
@@ -47,7 +55,33 @@ struct VolumeHeader {
   static base::Result<VolumeHeader> decode(std::span<const std::byte> bytes, std::uint64_t volumeBytes);
 };
 
+// Where the bytes of a fork, whose extents are all known, stand on the volume.
+class ForkMap {
+ public:
+  ForkMap(std::uint32_t blockBytes, std::vector<Extent> extents);
+
+  // That the extents have.
+  std::uint64_t bytes() const { return bytes_; }
+  std::size_t extentCount() const { return extents_.size(); }
+
+  // From one place in the fork to the end of its extent.
+  struct Part {
+    std::uint64_t volumeOffset = 0;
+    std::uint64_t bytes = 0;
+  };
+  // offset: below bytes().
+  Part partAt(std::uint64_t offset) const;
+
+ private:
+  std::uint32_t blockBytes_;
+  std::vector<Extent> extents_;
+  // Where in the fork each extent begins.
+  std::vector<std::uint64_t> starts_{};
+  std::uint64_t bytes_ = 0;
+};
+
 // The bytes of a fork, whose extents are all known. Lives no longer than the volume's bytes.
+// Any number of threads may read where they may read the volume.
 class ForkView : public base::RandomAccess {
  public:
   ForkView(const base::RandomAccess& volume, std::uint32_t blockBytes, std::uint64_t size,
@@ -58,10 +92,13 @@ class ForkView : public base::RandomAccess {
 
  private:
   const base::RandomAccess& volume_;
-  std::uint32_t blockBytes_;
   std::uint64_t size_;
-  std::vector<Extent> extents_;
+  ForkMap map_;
 };
+
+// What the nodes of a B-tree are, as their heads say.
+inline constexpr std::int8_t kLeafNode = -1;
+inline constexpr std::int8_t kIndexNode = 0;
 
 // One node of a B-tree, its records checked to lie inside it.
 struct NodeView {
@@ -80,6 +117,29 @@ struct RecordView {
   std::span<const std::byte> data{};
 };
 RecordView splitRecord(std::span<const std::byte> record);
+
+// What stands in a catalog key, or as much of it as is inside.
+struct CatalogKey {
+  std::uint32_t parent = 0;
+  std::u16string name{};
+};
+CatalogKey catalogKey(std::span<const std::byte> key);
+
+// The same of an attributes key.
+struct AttributeKey {
+  std::uint32_t file = 0;
+  std::uint32_t firstBlock = 0;
+  std::u16string name{};
+};
+AttributeKey attributeKey(std::span<const std::byte> key);
+
+// The same of an extents key.
+struct ExtentsKey {
+  std::uint32_t file = 0;
+  std::uint8_t fork = 0;
+  std::uint32_t firstBlock = 0;
+};
+ExtentsKey extentsKey(std::span<const std::byte> key);
 
 // Negative, zero or positive, as the order of two whole keys is.
 using KeyOrder = std::function<std::strong_ordering(std::span<const std::byte>, std::span<const std::byte>)>;
@@ -100,7 +160,14 @@ class BTreeView {
   // map of used nodes, and hands each leaf record over in key order. `visit` may refuse one.
   base::Result<void> walk(const KeyOrder& order, const Visitor& visit) const;
 
+  base::Error damaged(std::string_view how, std::uint32_t node) const;
+
   std::uint32_t nodeCount() const { return nodeCount_; }
+  std::uint32_t nodeBytes() const { return nodeBytes_; }
+  std::uint32_t root() const { return root_; }
+  // Levels of nodes; 0 of an empty tree.
+  std::uint16_t depth() const { return depth_; }
+  std::uint16_t maxKeyLength() const { return maxKeyLength_; }
   std::uint8_t keyCompareType() const { return keyCompareType_; }
 
  private:
@@ -108,7 +175,6 @@ class BTreeView {
 
   class Walk;
 
-  base::Error damaged(std::string_view how, std::uint32_t node) const;
   // seen: the nodes that the tree itself reaches.
   base::Result<void> checkMap(std::vector<bool> seen) const;
 
