@@ -8,6 +8,7 @@
 #include "base/unicode.h"
 #include "image/block/disk.h"
 #include "image/hfs/attributes.h"
+#include "image/hfs/compressed_file.h"
 #include "image/hfs/cost_cache.h"
 #include "image/hfs/folder_names.h"
 #include "image/hfs/volume_reader.h"
@@ -77,6 +78,12 @@ bool isAllZeros(const std::vector<std::byte>& bytes) {
   return std::ranges::all_of(bytes, [](std::byte b) { return b == std::byte{0}; });
 }
 
+// Attributes that are not the item's but the file system's.
+bool isHidden(std::u16string_view attribute, bool isCompressed) {
+  return attribute == hfs::Original::kAttributeName ||
+         (isCompressed && attribute == hfs::Compression::kAttributeName);
+}
+
 class HFSVolume final : public Volume {
  public:
   HFSVolume(std::unique_ptr<OpenedImage> image, std::unique_ptr<block::Disk> part,
@@ -85,7 +92,8 @@ class HFSVolume final : public Volume {
         part_(std::move(part)),
         reader_(std::move(reader)),
         names_(cacheBytes),
-        files_(cacheBytes) {}
+        files_(cacheBytes),
+        blocks_(cacheBytes) {}
 
   base::Result<void> readFacts();
 
@@ -108,6 +116,7 @@ class HFSVolume final : public Volume {
     ItemKind kind;
     std::uint64_t size;
     hfs::ForkMap data;
+    std::optional<hfs::CompressedFile> compressed{};
   };
   using FilePointer = std::shared_ptr<const File>;
 
@@ -117,6 +126,8 @@ class HFSVolume final : public Volume {
   base::Result<void> setTimes(const CatalogRecord& record, Item& item) const;
   base::Result<std::optional<Item>> itemIn(std::uint32_t folder, std::u16string_view stored) const;
   base::Result<FilePointer> file(std::uint32_t id) const;
+  base::Result<void> readCompressed(std::uint32_t id, const hfs::CompressedFile& file, std::uint64_t offset,
+                                    std::span<std::byte> into) const;
 
   std::unique_ptr<OpenedImage> image_;
   std::unique_ptr<block::Disk> part_;
@@ -124,6 +135,8 @@ class HFSVolume final : public Volume {
   VolumeFacts facts_;
   mutable hfs::CostCache<std::uint32_t, hfs::FolderNames> names_;
   mutable hfs::CostCache<std::uint32_t, File> files_;
+  // Of compressed files, by item and number.
+  mutable hfs::CostCache<std::uint64_t, std::vector<std::byte>> blocks_;
 };
 
 base::Result<void> HFSVolume::readFacts() {
@@ -182,7 +195,11 @@ base::Result<Item> HFSVolume::itemOf(const CatalogRecord& name) const {
     item.permissions = record->isFolder ? 0755 : 0644;
     item.user = item.group = kUnknownUser;
   }
-  if (item.kind == ItemKind::file || item.kind == ItemKind::symbolicLink) item.size = record->data.size;
+  if (item.kind == ItemKind::file || item.kind == ItemKind::symbolicLink) {
+    const auto compression = hfs::Compression::of(*reader_, *record);
+    if (!compression) return compression.error();
+    item.size = *compression ? (*compression)->size : record->data.size;
+  }
   item.storedSize =
       (std::uint64_t{record->data.blocks} + record->resources.blocks) * reader_->header().blockBytes;
   if (item.kind == ItemKind::characterDevice || item.kind == ItemKind::blockDevice)
@@ -251,11 +268,41 @@ base::Result<HFSVolume::FilePointer> HFSVolume::file(std::uint32_t id) const {
   if (auto known = files_.find(id)) return known;
   const auto found = record(id);
   if (!found) return found.error();
+  auto compression = hfs::Compression::of(*reader_, *found);
+  if (!compression) return compression.error();
   auto data = reader_->fork(found->id, hfs::ForkKind::data, found->data);
   if (!data) return data.error();
-  const std::uint64_t bytes = sizeof(File) + data->extentCount() * 2 * sizeof(std::uint64_t);
+  std::uint64_t bytes = sizeof(File) + data->extentCount() * 2 * sizeof(std::uint64_t);
   auto file = std::make_shared<File>(File{kindOf(*found), found->data.size, *std::move(data)});
+  if (*compression) {
+    auto compressed = hfs::CompressedFile::open(*reader_, *found, **std::move(compression));
+    if (!compressed) return compressed.error();
+    file->size = compressed->size();
+    bytes += compressed->bytes();
+    file->compressed = *std::move(compressed);
+  }
   return files_.keep(id, std::move(file), bytes);
+}
+
+base::Result<void> HFSVolume::readCompressed(std::uint32_t id, const hfs::CompressedFile& file,
+                                             std::uint64_t offset, std::span<std::byte> into) const {
+  while (!into.empty()) {
+    const std::uint64_t number = offset / file.blockBytes();
+    const std::uint64_t key = std::uint64_t{id} << 32 | number;
+    auto block = blocks_.find(key);
+    if (!block) {
+      auto made = file.block(number);
+      if (!made) return made.error();
+      const std::uint64_t bytes = made->size();
+      block = blocks_.keep(key, std::make_shared<std::vector<std::byte>>(*std::move(made)), bytes);
+    }
+    const auto part = std::span(*block).subspan(offset % file.blockBytes());
+    const std::size_t bytes = std::min(part.size(), into.size());
+    std::ranges::copy(part.first(bytes), into.begin());
+    into = into.subspan(bytes);
+    offset += bytes;
+  }
+  return {};
 }
 
 base::Result<std::string> HFSVolume::linkTarget(std::uint32_t id) const {
@@ -282,7 +329,9 @@ base::Result<std::size_t> HFSVolume::read(std::uint32_t id, std::uint64_t offset
   if (offset >= file.size) return std::size_t{0};
   const auto part =
       into.first(static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), file.size - offset)));
-  if (auto read = reader_->read(file.data, offset, part); !read)
+  const auto read = file.compressed ? readCompressed(id, *file.compressed, offset, part)
+                                    : reader_->read(file.data, offset, part);
+  if (!read)
     return base::Error{"byte " + std::to_string(offset) + " of item " + std::to_string(id) +
                        " cannot be read: " + read.error().message};
   return part.size();
@@ -291,18 +340,20 @@ base::Result<std::size_t> HFSVolume::read(std::uint32_t id, std::uint64_t offset
 base::Result<std::vector<std::string>> HFSVolume::attributeNames(std::uint32_t id) const {
   const auto record = this->record(id);
   if (!record) return record.error();
+  const auto compression = hfs::Compression::of(*reader_, *record);
+  if (!compression) return compression.error();
   std::vector<std::string> names;
   const auto add = [&](std::string name) {
     if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
   };
   const auto take = [&](const hfs::StoredAttribute& attribute) -> base::Result<void> {
-    if (attribute.name != hfs::Original::kAttributeName)
+    if (!isHidden(attribute.name, compression->has_value()))
       add(hfs::attributeName(base::utf8FromUTF16(attribute.name)));
     return {};
   };
   if (auto listed = reader_->attributes(record->id, take); !listed) return listed.error();
   if (!isAllZeros(finderInfoOf(*record))) add(std::string(kFinderInfo));
-  if (record->resources.size != 0) add(std::string(kResourceFork));
+  if (record->resources.size != 0 && !*compression) add(std::string(kResourceFork));
   return names;
 }
 
@@ -311,9 +362,11 @@ base::Result<std::optional<std::vector<std::byte>>> HFSVolume::attribute(std::ui
   using Value = std::optional<std::vector<std::byte>>;
   const auto record = this->record(id);
   if (!record) return record.error();
+  const auto compression = hfs::Compression::of(*reader_, *record);
+  if (!compression) return compression.error();
   Value found;
   const auto take = [&](const hfs::StoredAttribute& attribute) -> base::Result<void> {
-    if (found || attribute.name == hfs::Original::kAttributeName ||
+    if (found || isHidden(attribute.name, compression->has_value()) ||
         hfs::attributeName(base::utf8FromUTF16(attribute.name)) != name)
       return {};
     auto value = reader_->valueOf(record->id, attribute);
@@ -325,7 +378,7 @@ base::Result<std::optional<std::vector<std::byte>>> HFSVolume::attribute(std::ui
   if (found) return found;
   if (name == kFinderInfo)
     if (auto info = finderInfoOf(*record); !isAllZeros(info)) return Value(std::move(info));
-  if (name != kResourceFork || record->resources.size == 0) return Value();
+  if (name != kResourceFork || record->resources.size == 0 || *compression) return Value();
   auto resources = reader_->wholeFork(record->id, hfs::ForkKind::resource, record->resources);
   if (!resources) return resources.error();
   return Value(*std::move(resources));

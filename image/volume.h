@@ -34,10 +34,10 @@ struct Item {
   std::uint64_t size = 0;        // bytes that reading gives; a symbolic link's: of its target
   std::uint64_t storedSize = 0;  // bytes that it takes on the volume
   std::uint32_t device = 0;      // of a device: major in the upper 12 bits, minor in the lower 20
-  Instant created;
-  Instant modified;
-  Instant changed;
-  Instant accessed;
+  Instant created{};
+  Instant modified{};
+  Instant changed{};
+  Instant accessed{};
 };
 
 // What a volume says of itself as a whole.

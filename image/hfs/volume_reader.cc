@@ -232,20 +232,28 @@ base::Result<std::vector<std::byte>> VolumeReader::valueOf(std::uint32_t file,
   return wholeFork(file, ForkKind::attribute, attribute.fork);
 }
 
-base::Result<Original> VolumeReader::originalOf(const CatalogRecord& record) const {
-  Original original;
-  if (!record.has(CatalogRecord::kHasAttributes)) return original;
+base::Result<std::optional<std::vector<std::byte>>> VolumeReader::attribute(const CatalogRecord& record,
+                                                                            std::u16string_view name) const {
+  std::optional<std::vector<std::byte>> found;
+  if (!record.has(CatalogRecord::kHasAttributes)) return found;
   const auto take = [&](const StoredAttribute& attribute) -> base::Result<void> {
-    if (attribute.name != Original::kAttributeName) return {};
-    const auto value = valueOf(record.id, attribute);
+    if (attribute.name != name) return {};
+    auto value = valueOf(record.id, attribute);
     if (!value) return value.error();
-    auto decoded = decodeOriginal(*value);
-    if (!decoded) return base::Error{"what was kept of " + item(record.id) + " is damaged"};
-    original = *std::move(decoded);
+    found = *std::move(value);
     return {};
   };
   if (auto listed = attributes(record.id, take); !listed) return listed.error();
-  return original;
+  return found;
+}
+
+base::Result<Original> VolumeReader::originalOf(const CatalogRecord& record) const {
+  const auto value = attribute(record, Original::kAttributeName);
+  if (!value) return value.error();
+  if (!*value) return Original();
+  auto original = decodeOriginal(**value);
+  if (!original) return base::Error{"what was kept of " + item(record.id) + " is damaged"};
+  return *std::move(original);
 }
 
 base::Result<VolumeReader::Fractions> VolumeReader::fractionsOf(std::uint32_t id) const {
