@@ -2,10 +2,14 @@
 
 #include <algorithm>
 
+#include "image/block/content.h"
+#include "image/os/host.h"
 #include "image/os/new_file.h"
 
 namespace image {
 namespace {
+
+constexpr std::uint64_t kLeastBytes = 512;
 
 std::vector<std::byte> headOf(const base::RandomAccess& file) {
   std::vector<std::byte> head(std::min<std::uint64_t>(file.size(), crypt::ContainerHeader::kHeadBytes));
@@ -16,10 +20,36 @@ std::vector<std::byte> headOf(const base::RandomAccess& file) {
 }  // namespace
 
 base::Result<void> OpenedImage::read(const base::RandomAccess& plain) {
-  auto udif = udif::Image::open(plain);
-  if (!udif) return udif.error();
-  udif_ = *std::move(udif);
-  return {};
+  if (plain.size() < kLeastBytes) return base::Error{"not a disk image: it is too short"};
+  if (udif::hasTrailer(plain)) {
+    auto udif = udif::Image::open(plain);
+    if (!udif) return udif.error();
+    udif_ = *std::move(udif);
+    setReading({});
+  } else {
+    if (plain.size() % block::kSectorBytes != 0)
+      return base::Error{"not a disk image: it has no trailer, and its length is not a number of sectors"};
+    disk_ = std::make_unique<block::FileDisk>(plain);
+  }
+  auto map = block::PartitionMap::read(*disk_);
+  if (!map) return map.error();
+  map_ = *std::move(map);
+  if (udif_ || !map_.partitions.empty()) return {};
+  return base::Error{"not a disk image: it has no trailer, no partition map and no HFS+ volume"};
+}
+
+void OpenedImage::setReading(const udif::DiskView::Options& options) {
+  if (udif_)
+    disk_ = std::make_unique<udif::DiskView>(
+        *udif_,
+        udif::DiskView::Options{.cacheBytes = options.cacheBytes,
+                                .workers = options.workers != 0 ? options.workers : os::processors()});
+}
+
+std::optional<block::Extent> OpenedImage::hfsPlusVolume() const {
+  for (const block::Partition& partition : map_.partitions)
+    if (partition.hfsPlus) return partition.hfsPlus;
+  return std::nullopt;
 }
 
 base::Result<void> OpenedImage::decrypt(crypt::ContainerKeys keys) {

@@ -11,11 +11,11 @@
 namespace image {
 namespace {
 
-base::Result<hfs::VolumeCounts> checkVolumes(const udif::Image& image) {
+base::Result<hfs::VolumeCounts> checkVolumes(const OpenedImage& image) {
   hfs::VolumeCounts counts;
-  for (const udif::BlockTable& table : image.tables()) {
-    if (table.name.find("Apple_HFS") == std::string::npos) continue;
-    const auto found = hfs::checkVolume(udif::RegionView(image, table));
+  for (const block::Partition& partition : image.partitions()) {
+    if (!partition.hfsPlus) continue;
+    const auto found = hfs::checkVolume(block::DiskPart(image.disk(), *partition.hfsPlus));
     if (!found) return found.error();
     counts.files += found->files;
     counts.folders += found->folders;
@@ -60,13 +60,14 @@ base::Result<void> checkSectors(const udif::Image& image) {
 
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
                                            const std::atomic<bool>* cancelled, const udif::RunSums* known) {
+  const udif::Image* const udif = image.udif();
+  if (udif == nullptr) return checkVolumes(image);
   if (workers == 0) workers = os::processors();
-  if (auto placed = checkSectors(image.udif()); !placed) return placed.error();
-  if (auto sums =
-          udif::verifyChecksums(image.udif(), {.workers = workers, .cancelled = cancelled, .known = known});
+  if (auto placed = checkSectors(*udif); !placed) return placed.error();
+  if (auto sums = udif::verifyChecksums(*udif, {.workers = workers, .cancelled = cancelled, .known = known});
       !sums)
     return sums.error();
-  return checkVolumes(image.udif());
+  return checkVolumes(image);
 }
 
 }  // namespace image

@@ -1,4 +1,6 @@
+#include <map>
 #include <ostream>
+#include <vector>
 
 #include "base/xml_property_list.h"
 #include "image/verify.h"
@@ -12,22 +14,52 @@ const std::string_view kInspectUsage =
 
 namespace {
 
+// In sectors.
+struct Part {
+  std::string name;
+  std::uint64_t first;
+  std::uint64_t count;
+};
+
+std::vector<Part> partsOf(const image::OpenedImage& image) {
+  std::vector<Part> parts;
+  if (image.udif() == nullptr)
+    for (const auto& partition : image.partitions())
+      parts.push_back({partition.name + " (" + partition.type + ")", partition.extent.offset / 512,
+                       partition.extent.size / 512});
+  else
+    for (const auto& table : image.udif()->tables())
+      parts.push_back({table.name, table.firstSector, table.sectorCount});
+  return parts;
+}
+
+// As the platform's tool calls it, by the first compressed chunk.
+std::string formatOf(const image::OpenedImage& image) {
+  using image::udif::RunType;
+  static const std::map<RunType, std::string> kFormats{{RunType::adc, "UDCO"},
+                                                       {RunType::zlib, "UDZO"},
+                                                       {RunType::bzip2, "UDBZ"},
+                                                       {RunType::lzfse, "ULFO"},
+                                                       {RunType::lzma, "ULMO"}};
+  if (image.udif() == nullptr) return "UDRW";
+  for (const auto& table : image.udif()->tables())
+    for (const auto& run : table.runs)
+      if (const auto format = kFormats.find(run.type); format != kFormats.end()) return format->second;
+  return "UDRO";
+}
+
 base::PropertyList::Dictionary describe(const image::OpenedImage& image) {
   using Dictionary = base::PropertyList::Dictionary;
   base::PropertyList::Array partitions;
-  std::string format = "UDRO";
-  for (const auto& table : image.udif().tables()) {
-    partitions.emplace_back(Dictionary{{"partition-name", table.name},
-                                       {"partition-start", static_cast<std::int64_t>(table.firstSector)},
-                                       {"partition-length", static_cast<std::int64_t>(table.sectorCount)}});
-    for (const auto& run : table.runs)
-      if (run.type == image::udif::RunType::zlib) format = "UDZO";
-  }
-  const auto sectors = static_cast<std::int64_t>(image.udif().trailer().sectorCount);
+  for (const Part& part : partsOf(image))
+    partitions.emplace_back(Dictionary{{"partition-name", part.name},
+                                       {"partition-start", static_cast<std::int64_t>(part.first)},
+                                       {"partition-length", static_cast<std::int64_t>(part.count)}});
+  const bool isSummed = image.udif() != nullptr && image.udif()->trailer().masterChecksum;
   Dictionary description{
-      {"Format", format},
-      {"Checksum Type", image.udif().trailer().masterChecksum ? "CRC32" : "none"},
-      {"Size Information", Dictionary{{"Total Bytes", sectors * 512},
+      {"Format", formatOf(image)},
+      {"Checksum Type", isSummed ? "CRC32" : "none"},
+      {"Size Information", Dictionary{{"Total Bytes", static_cast<std::int64_t>(image.disk().size())},
                                       {"Compressed Bytes", static_cast<std::int64_t>(image.fileBytes())}}},
       {"partitions", std::move(partitions)}};
   description.emplace("Properties", Dictionary{{"Encrypted", image.container().has_value()}});
@@ -65,11 +97,11 @@ int imageInfo(const std::vector<std::string>& given, const HdiutilHost& host) {
   }
   host.out << "Format: " << *base::find<std::string>(description, "Format") << "\n"
            << "Encrypted: " << ((*image)->container() ? "true" : "false") << "\n"
-           << "Total Bytes: " << (*image)->udif().trailer().sectorCount * 512 << "\n"
+           << "Total Bytes: " << (*image)->disk().size() << "\n"
            << "Compressed Bytes: " << (*image)->fileBytes() << "\n"
            << "partitions:\n";
-  for (const auto& table : (*image)->udif().tables())
-    host.out << "\t" << table.firstSector << "\t" << table.sectorCount << "\t" << table.name << "\n";
+  for (const Part& part : partsOf(**image))
+    host.out << "\t" << part.first << "\t" << part.count << "\t" << part.name << "\n";
   return kDone;
 }
 

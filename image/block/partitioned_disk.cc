@@ -4,7 +4,7 @@
 #include <bit>
 #include <string_view>
 
-#include "base/byte_order.h"
+#include "image/block/guid_partition_table.h"
 #include "image/block/zeros.h"
 
 namespace image::block {
@@ -17,25 +17,6 @@ constexpr std::uint64_t kFirstUsableSector = 2 + kTableSectors;
 // Free sectors behind the partition, then the backup table and header.
 constexpr std::uint64_t kTrailingFreeSectors = 7;
 constexpr std::uint64_t kBackSectors = kTrailingFreeSectors + kTableSectors + 1;
-
-// 48465300-0000-11AA-AA11-00306543ECAC, in the mixed byte order of the table.
-constexpr std::array<std::uint8_t, 16> kHFSPartitionType{0x00, 0x53, 0x46, 0x48, 0x00, 0x00, 0xAA, 0x11,
-                                                         0xAA, 0x11, 0x00, 0x30, 0x65, 0x43, 0xEC, 0xAC};
-
-template <class T>
-void storeLittleEndian(std::byte* to, T value) {
-  for (std::size_t i = 0; i < sizeof(T); ++i) to[i] = static_cast<std::byte>(value >> (8 * i));
-}
-
-// The table's own CRC, over a few kilobytes once an image: the plain bitwise form (ISO 3309).
-std::uint32_t crc32(std::span<const std::byte> bytes) {
-  std::uint32_t crc = ~0u;
-  for (const std::byte b : bytes) {
-    crc ^= std::to_integer<std::uint32_t>(b);
-    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (0xEDB88320u & (0u - (crc & 1)));
-  }
-  return ~crc;
-}
 
 struct Geometry {
   std::uint64_t sectors;
@@ -62,12 +43,10 @@ struct HeaderPlace {
 
 void storeHeader(std::span<std::byte> sector, const Geometry& disk, const HeaderPlace& place,
                  const GUID& diskGUID, std::span<const std::byte> table) {
-  constexpr std::size_t kHeaderBytes = 92;
-  constexpr std::string_view kSignature = "EFI PART";
-  std::ranges::copy(std::as_bytes(std::span(kSignature)), sector.begin());
+  std::ranges::copy(std::as_bytes(std::span(kTableHeaderSignature)), sector.begin());
   std::byte* const at = sector.data();
   storeLittleEndian(at + 8, std::uint32_t{0x00010000});
-  storeLittleEndian(at + 12, std::uint32_t{kHeaderBytes});
+  storeLittleEndian(at + 12, std::uint32_t{kTableHeaderBytes});
   storeLittleEndian(at + 24, place.own);
   storeLittleEndian(at + 32, place.other);
   storeLittleEndian(at + 40, kFirstUsableSector);
@@ -77,7 +56,7 @@ void storeHeader(std::span<std::byte> sector, const Geometry& disk, const Header
   storeLittleEndian(at + 80, static_cast<std::uint32_t>(kEntries));
   storeLittleEndian(at + 84, static_cast<std::uint32_t>(kEntryBytes));
   storeLittleEndian(at + 88, crc32(table));
-  storeLittleEndian(at + 16, crc32(sector.first(kHeaderBytes)));
+  storeLittleEndian(at + 16, crc32(sector.first(kTableHeaderBytes)));
 }
 
 void storeProtectiveMBR(std::span<std::byte> sector, std::uint64_t diskSectors) {

@@ -119,6 +119,10 @@ std::array<std::byte, kTrailerBytes> encodeTrailer(const Trailer& trailer) {
   return block;
 }
 
+bool isTrailer(std::span<const std::byte> bytes) {
+  return base::ByteReader(bytes).get<std::uint32_t>() == kTrailerSignature;
+}
+
 base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> bytes) {
   base::ByteReader in(bytes);
   Trailer trailer;
@@ -128,7 +132,8 @@ base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> by
   in.skip(4 + 8);
   trailer.dataForkOffset = in.get<std::uint64_t>();
   trailer.dataForkLength = in.get<std::uint64_t>();
-  in.skip(2 * 8);
+  in.skip(8);
+  trailer.resourceForkLength = in.get<std::uint64_t>();
   in.skip(4);
   if (in.get<std::uint32_t>() > 1) return base::Error{"one segment of a disk image in several files"};
   std::ranges::copy(in.take(trailer.segmentID.size()), trailer.segmentID.begin());
@@ -178,7 +183,9 @@ base::Result<std::vector<BlockTable>> decodeResources(const base::PropertyList& 
     if (data == nullptr) return base::Error{"a block table is missing"};
     auto table = decodeTable(*data);
     if (!table) return table.error();
-    if (const auto* name = base::find<std::string>(*entry, "Name")) table->name = *name;
+    const auto* name = base::find<std::string>(*entry, "Name");
+    if (name == nullptr) name = base::find<std::string>(*entry, "CFName");
+    if (name != nullptr) table->name = *name;
     tables.push_back(std::move(*table));
   }
   return tables;

@@ -61,6 +61,8 @@ constexpr std::size_t kTrailerBytes = 512;
 struct Trailer {
   std::uint64_t dataForkOffset = 0;
   std::uint64_t dataForkLength = 0;
+  // Where old images have their tables; written as 0.
+  std::uint64_t resourceForkLength = 0;
   std::uint64_t propertyListOffset = 0;
   std::uint64_t propertyListLength = 0;
   std::array<std::byte, 16> segmentID{};
@@ -71,6 +73,7 @@ struct Trailer {
   std::uint64_t sectorCount = 0;
 };
 
+bool isTrailer(std::span<const std::byte> bytes);
 std::array<std::byte, kTrailerBytes> encodeTrailer(const Trailer& trailer);
 base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> bytes);
 

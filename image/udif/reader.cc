@@ -4,20 +4,18 @@
 #include <string>
 
 #include "base/xml_property_list.h"
-#include "image/block/zeros.h"
+#include "image/block/disk.h"
+#include "image/udif/chunk_decoder.h"
 
 namespace image::udif {
 namespace {
 
-// No image that is meant to be read in pieces has larger compressed runs.
-constexpr std::uint64_t kMaxRunSectors = 1 << 17;
 constexpr std::uint64_t kMaxPropertyListBytes = 1ull << 31;
 
-bool liesWithin(std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
-  return offset <= size && length <= size - offset;
-}
+// Of a disk whose bytes can be counted.
+constexpr std::uint64_t kMostSectors = std::uint64_t{1} << 54;
 
-bool isStored(RunType type) { return type != RunType::zeros && type != RunType::ignored; }
+using block::liesWithin;
 
 }  // namespace
 
@@ -43,6 +41,12 @@ bool DecryptedFile::read(std::uint64_t offset, std::span<std::byte> into) const 
   return true;
 }
 
+bool hasTrailer(const base::RandomAccess& file) {
+  std::array<std::byte, 4> signature;
+  return file.size() >= kTrailerBytes && file.read(file.size() - kTrailerBytes, signature) &&
+         isTrailer(signature);
+}
+
 base::Result<Image> Image::open(const base::RandomAccess& file) {
   Image image(file);
   std::array<std::byte, kTrailerBytes> end;
@@ -51,9 +55,12 @@ base::Result<Image> Image::open(const base::RandomAccess& file) {
   auto trailer = decodeTrailer(end);
   if (!trailer) return trailer.error();
   image.trailer_ = *trailer;
+  if (trailer->propertyListLength == 0 && trailer->resourceForkLength != 0)
+    return base::Error{"an image with its block tables in a resource fork is not supported"};
   if (trailer->propertyListLength == 0 || trailer->propertyListLength > kMaxPropertyListBytes ||
       !liesWithin(trailer->propertyListOffset, trailer->propertyListLength, file.size()) ||
-      !liesWithin(trailer->dataForkOffset, trailer->dataForkLength, file.size()))
+      !liesWithin(trailer->dataForkOffset, trailer->dataForkLength, file.size()) ||
+      trailer->sectorCount > kMostSectors)
     return base::Error{"its trailer names bytes that it does not have"};
   std::string text(trailer->propertyListLength, '\0');
   if (!file.read(trailer->propertyListOffset, std::as_writable_bytes(std::span(text))))
@@ -63,69 +70,38 @@ base::Result<Image> Image::open(const base::RandomAccess& file) {
   auto tables = decodeResources(*list);
   if (!tables) return tables.error();
   image.tables_ = *std::move(tables);
+  image.diskSectors_ = trailer->sectorCount;
   for (const BlockTable& table : image.tables_) {
-    if (!liesWithin(table.firstSector, table.sectorCount, trailer->sectorCount))
-      return base::Error{table.name + " lies outside the disk"};
-    for (const Run& run : table.runs) {
-      const bool isLarge = run.type != RunType::raw && isStored(run.type) && run.sectorCount > kMaxRunSectors;
-      const bool inside =
-          !isStored(run.type) || (table.dataOffset <= file.size() && run.offset <= file.size() &&
-                                  liesWithin(image.fileOffset(table, run), run.length, file.size()));
-      if (isLarge || !inside) return base::Error{"a chunk of " + table.name + " lies outside the image"};
-    }
+    if (auto checked = image.checkTable(table); !checked) return checked.error();
+    image.diskSectors_ = std::max(image.diskSectors_, table.firstSector + table.sectorCount);
   }
   return image;
 }
 
-base::Result<void> Image::readStored(const BlockTable& table, const Run& run,
-                                     std::span<std::byte> into) const {
-  if (!file_->read(fileOffset(table, run), into))
-    return base::Error{"a chunk of " + table.name + " cannot be read"};
+base::Result<void> Image::checkTable(const BlockTable& table) const {
+  if (!liesWithin(table.firstSector, table.sectorCount, kMostSectors))
+    return base::Error{table.name + " lies outside of any disk"};
+  for (const Run& run : table.runs) {
+    if (!isStored(run.type)) continue;
+    // Each is less than the file's size before they are added up, so that the sum cannot wrap around.
+    const bool isInside = table.dataOffset <= file_->size() && run.offset <= file_->size() &&
+                          liesWithin(fileOffset(table, run), run.length, file_->size());
+    if (!isInside) return base::Error{"a chunk of " + table.name + " lies outside the image"};
+  }
   return {};
 }
 
-RegionView::RegionView(const Image& image, const BlockTable& table)
-    : image_(image), table_(table), runs_(table.runs) {
-  std::ranges::sort(runs_, {}, &Run::firstSector);
+base::Result<void> Image::readStored(const BlockTable& table, const Run& run,
+                                     std::span<std::byte> into) const {
+  if (file_->read(fileOffset(table, run), into)) return {};
+  return base::Error{"a chunk of " + table.name + " cannot be read"};
 }
 
-std::uint64_t RegionView::size() const { return table_.sectorCount * 512; }
-
-bool RegionView::read(std::uint64_t offset, std::span<std::byte> into) const {
-  if (!liesWithin(offset, into.size(), size())) return false;
-  while (!into.empty()) {
-    const auto after = std::ranges::upper_bound(runs_, offset / 512, {}, &Run::firstSector);
-    if (after == runs_.begin()) return false;
-    const Run& run = after[-1];
-    const std::uint64_t inside = offset - run.firstSector * 512;
-    if (inside >= run.sectorCount * 512) return false;
-    const auto part = into.first(
-        static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), run.sectorCount * 512 - inside)));
-    if (!readPart(run, inside, part)) return false;
-    offset += part.size();
-    into = into.subspan(part.size());
-  }
-  return true;
-}
-
-bool RegionView::readPart(const Run& run, std::uint64_t offset, std::span<std::byte> into) const {
-  if (!isStored(run.type)) {
-    block::fillZeros(into);
-    return true;
-  }
-  if (run.type == RunType::raw)
-    return run.length == run.sectorCount * 512 &&
-           image_.file().read(image_.fileOffset(table_, run) + offset, into);
-  if (run.type != RunType::zlib) return false;
-  if (chunkSector_ != run.firstSector) {
-    std::vector<std::byte> stored(run.length);
-    chunk_.resize(run.sectorCount * 512);
-    chunkSector_ = ~0ull;
-    if (!image_.readStored(table_, run, stored) || !decompressor_.decompress(stored, chunk_)) return false;
-    chunkSector_ = run.firstSector;
-  }
-  std::ranges::copy(std::span(chunk_).subspan(offset, into.size()), into.begin());
-  return true;
+base::Result<void> Image::readRaw(const BlockTable& table, const Run& run, std::uint64_t offset,
+                                  std::span<std::byte> into) const {
+  if (run.length != run.sectorCount * 512) return damagedRun(run, table.name);
+  if (file_->read(fileOffset(table, run) + offset, into)) return {};
+  return base::Error{"a chunk of " + table.name + " cannot be read"};
 }
 
 }  // namespace image::udif

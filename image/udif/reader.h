@@ -8,7 +8,6 @@
 #include "base/mutex.h"
 #include "base/random_access.h"
 #include "base/result.h"
-#include "image/codec/zlib_codec.h"
 #include "image/crypt/container.h"
 #include "image/udif/format.h"
 #include "image/udif/run_sums.h"
@@ -47,17 +46,26 @@ class DecryptedFile : public base::RandomAccess {
   std::uint64_t size_;
 };
 
-// A UDIF image that is open for reading.
+// Whether a file has the trailer of a UDIF image at its end.
+bool hasTrailer(const base::RandomAccess& file);
+
+// A UDIF image that is open for reading. Any number of threads may read.
 class Image {
  public:
-  // The (plain) file outlives the image.
+  // The (plain) file outlives the image. Takes what any maker stores: chunks in any order and with gaps,
+  // tables that overlap or leave sectors out, no checksums.
   static base::Result<Image> open(const base::RandomAccess& file);
 
   const Trailer& trailer() const { return trailer_; }
   const std::vector<BlockTable>& tables() const { return tables_; }
+  // What the trailer says, or up to where the tables reach if that is more.
+  std::uint64_t diskSectors() const { return diskSectors_; }
 
-  // The stored bytes of a run.
+  // The stored bytes of a run, as many as it has.
   base::Result<void> readStored(const BlockTable& table, const Run& run, std::span<std::byte> into) const;
+  // Of a raw run, what it has from `offset` on.
+  base::Result<void> readRaw(const BlockTable& table, const Run& run, std::uint64_t offset,
+                             std::span<std::byte> into) const;
   const base::RandomAccess& file() const { return *file_; }
   // Where a run's stored bytes stand in the file.
   std::uint64_t fileOffset(const BlockTable& table, const Run& run) const {
@@ -67,31 +75,12 @@ class Image {
  private:
   explicit Image(const base::RandomAccess& file) : file_(&file) {}
 
+  base::Result<void> checkTable(const BlockTable& table) const;
+
   const base::RandomAccess* file_;
   Trailer trailer_;
   std::vector<BlockTable> tables_;
-};
-
-// The bytes of one region of an image's disk, made from its runs; the last chunk that was made is kept. One
-// thread at a time.
-class RegionView : public base::RandomAccess {
- public:
-  // Image and table outlive the view.
-  RegionView(const Image& image, const BlockTable& table);
-
-  std::uint64_t size() const override;
-  bool read(std::uint64_t offset, std::span<std::byte> into) const override;
-
- private:
-  bool readPart(const Run& run, std::uint64_t offset, std::span<std::byte> into) const;
-
-  const Image& image_;
-  const BlockTable& table_;
-  // By first sector.
-  std::vector<Run> runs_;
-  mutable codec::ZlibDecompressor decompressor_;
-  mutable std::vector<std::byte> chunk_;
-  mutable std::uint64_t chunkSector_ = ~0ull;
+  std::uint64_t diskSectors_ = 0;
 };
 
 struct VerifyOptions {

@@ -41,9 +41,9 @@ class VerifyImage : public testing::Test {
   // The offset of the volume in an image of raw chunks, where its bytes stand as they are.
   static std::size_t volumeOffset(const std::vector<std::byte>& file) {
     const auto image = *OpenedImage::plain(std::make_unique<base::MemoryRandomAccess>(file));
-    for (const auto& table : image->udif().tables())
+    for (const auto& table : image->udif()->tables())
       if (table.name.find("Apple_HFS") != std::string::npos)
-        return image->udif().fileOffset(table, table.runs.at(0));
+        return image->udif()->fileOffset(table, table.runs.at(0));
     return 0;
   }
 
@@ -62,7 +62,7 @@ TEST_F(VerifyImage, countsWhatIsInASoundImage) {
 TEST_F(VerifyImage, noticesAFlippedByteAnywhereInTheDataFork) {
   const auto file = create();
   const auto image = *OpenedImage::plain(std::make_unique<base::MemoryRandomAccess>(file));
-  const auto& trailer = image->udif().trailer();
+  const auto& trailer = image->udif()->trailer();
   for (std::size_t at = 0; at < trailer.dataForkLength; ++at) {
     auto flipped = file;
     flipped[at] ^= std::byte{0x10};
@@ -94,7 +94,7 @@ TEST_F(VerifyImage, livesThroughAnyDamageOutsideTheDataFork) {
   const auto file = create();
   const auto fork = (*OpenedImage::plain(std::make_unique<base::MemoryRandomAccess>(file)))
                         ->udif()
-                        .trailer()
+                        ->trailer()
                         .dataForkLength;
   std::mt19937 random(5);
   int noticed = 0;
@@ -113,10 +113,10 @@ class VerifyVolume : public VerifyImage {
   VerifyVolume() {
     const auto file = create(Format::raw);
     const auto image = *OpenedImage::plain(std::make_unique<base::MemoryRandomAccess>(file));
-    for (const auto& table : image->udif().tables()) {
+    for (const auto& table : image->udif()->tables()) {
       if (table.name.find("Apple_HFS") == std::string::npos) continue;
       volume.resize(table.sectorCount * 512);
-      EXPECT_TRUE(udif::RegionView(image->udif(), table).read(0, volume));
+      EXPECT_TRUE(image->disk().read(table.firstSector * 512, volume));
     }
   }
   base::Result<hfs::VolumeCounts> checkNow() const {

@@ -95,7 +95,7 @@ class Flips : public testing::Test {
     auto opened = OpenedImage::plain(std::make_unique<base::SpanRandomAccess>(plain));
     EXPECT_TRUE(opened);
     whole = *std::move(opened);
-    listOffset = whole->udif().trailer().propertyListOffset;
+    listOffset = whole->udif()->trailer().propertyListOffset;
     trailerOffset = plain.size() - udif::kTrailerBytes;
   }
   // White space of the property list, the names of its entries and what else only describes has no meaning
@@ -119,7 +119,7 @@ TEST_F(Flips, anywhereInAnImageAreNoticedOrMeanNothing) {
       continue;
     }
     EXPECT_TRUE(isIdle(at)) << "at " << at;
-    EXPECT_TRUE(meansTheSame((*opened)->udif(), whole->udif())) << "at " << at;
+    EXPECT_TRUE(meansTheSame(*(*opened)->udif(), *whole->udif())) << "at " << at;
   }
   EXPECT_GT(noticed, plain.size() / 2);
 }
@@ -203,7 +203,7 @@ TEST_F(EncryptedFlips, anywhereInTheDataAreNoticedOrMeanNothing) {
     // A bit that flips damages its cipher block of 16 bytes, and one bit of the next one.
     EXPECT_TRUE(inside >= plain.size() - plain.size() % 16 || (isIdle(inside) && isIdle(inside / 16 * 16)))
         << "at " << at;
-    EXPECT_TRUE(meansTheSame((*opened)->udif(), whole->udif())) << "at " << at;
+    EXPECT_TRUE(meansTheSame(*(*opened)->udif(), *whole->udif())) << "at " << at;
   }
 }
 
