@@ -24,12 +24,11 @@ base::Result<RunSum> RunSummer::sum(const Run& run, std::uint64_t fileOffset, st
   if (run.type == RunType::ignored) return RunSum{};
   if (run.type == RunType::zeros) return RunSum{codec::CRC32::ofZeros(bytes), {}};
   if (run.type == RunType::raw) return sumRaw(run, fileOffset, region);
-  if (run.type != RunType::zlib)
-    return base::Error{"a chunk of " + std::string(region) + " has a compression that is not known here"};
+  if (auto checked = checkCompressed(run, region); !checked) return checked.error();
   stored_.resize(run.length);
   plain_.resize(bytes);
   if (!file_.read(fileOffset, stored_)) return unreadable(region);
-  if (!decompressor_.decompress(stored_, plain_)) return damagedRun(run, region);
+  if (auto decoded = decoder_.decode(run, region, stored_, plain_); !decoded) return decoded.error();
   return RunSum{codec::CRC32::of(plain_), codec::CRC32::of(stored_)};
 }
 

@@ -8,7 +8,7 @@
 #include "base/random_access.h"
 #include "base/result.h"
 #include "image/codec/checksum.h"
-#include "image/codec/zlib_codec.h"
+#include "image/udif/chunk_decoder.h"
 #include "image/udif/format.h"
 
 namespace image::udif {
@@ -33,7 +33,7 @@ class RunSummer {
   base::Result<RunSum> sumRaw(const Run& run, std::uint64_t fileOffset, std::string_view region);
 
   const base::RandomAccess& file_;
-  codec::ZlibDecompressor decompressor_;
+  ChunkDecoder decoder_;
   std::vector<std::byte> stored_;
   std::vector<std::byte> plain_;
 };
