@@ -21,6 +21,8 @@ class UserDefaults {
   virtual void setBool(bool value, std::string_view key) = 0;
   // nullopt when the key is not set, or is no text or number.
   virtual std::optional<std::string> stringForKey(std::string_view key) = 0;
+  // nullopt: the key is no longer set.
+  virtual void setString(const std::optional<std::string>& value, std::string_view key) = 0;
 };
 
 }  // namespace ports

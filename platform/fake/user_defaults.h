@@ -16,6 +16,9 @@ class UserDefaults : public ports::UserDefaults {
   bool boolForKey(std::string_view key) override;
   void setBool(bool value, std::string_view key) override { set(value, key); }
   std::optional<std::string> stringForKey(std::string_view key) override;
+  void setString(const std::optional<std::string>& value, std::string_view key) override {
+    value ? set(*value, key) : remove(key);
+  }
 
   // What the user, or another program, sets; and takes back.
   void set(base::PropertyList value, std::string_view key);

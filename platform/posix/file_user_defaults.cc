@@ -47,6 +47,21 @@ void FileUserDefaults::setBool(bool value, std::string_view key) {
   base::MutexLock lock(mutex_);
   readIfChanged();
   settings_.insert_or_assign(std::string(key), value);
+  write();
+}
+
+void FileUserDefaults::setString(const std::optional<std::string>& value, std::string_view key) {
+  base::MutexLock lock(mutex_);
+  readIfChanged();
+  if (value) {
+    settings_.insert_or_assign(std::string(key), *value);
+  } else if (settings_.erase(std::string(key)) == 0) {
+    return;
+  }
+  write();
+}
+
+void FileUserDefaults::write() {
   makeFolders(folderOf(file_));
   if (writeDictionaryFile(settings_, file_, log_)) stamp_ = FileStamp::of(file_);
 }

@@ -24,9 +24,11 @@ class FileUserDefaults : public ports::UserDefaults {
   bool boolForKey(std::string_view key) override;
   void setBool(bool value, std::string_view key) override;
   std::optional<std::string> stringForKey(std::string_view key) override;
+  void setString(const std::optional<std::string>& value, std::string_view key) override;
 
  private:
   void readIfChanged() REQUIRES(mutex_);
+  void write() REQUIRES(mutex_);
   const base::PropertyList* valueForKey(std::string_view key) REQUIRES(mutex_);
 
   ports::SystemLog& log_;

@@ -64,6 +64,22 @@ TYPED_TEST_P(UserDefaultsContract, storesWhatIsSet) {
   EXPECT_TRUE(this->defaults().boolForKey("flag"));
 }
 
+TYPED_TEST_P(UserDefaultsContract, storesTextsAndTakesThemBack) {
+  this->defaults().setString("AES-256", "text");
+  this->fixture.restart();
+  EXPECT_EQ(this->defaults().stringForKey("text"), "AES-256");
+  this->defaults().setString(std::nullopt, "text");
+  this->fixture.restart();
+  EXPECT_EQ(this->defaults().stringForKey("text"), std::nullopt);
+}
+
+TYPED_TEST_P(UserDefaultsContract, givesWhatWasRegisteredOnceATextIsTakenBack) {
+  this->defaults().registerDefaults(base::PropertyList::Dictionary{{"text", "AES-128"}});
+  this->defaults().setString("AES-256", "text");
+  this->defaults().setString(std::nullopt, "text");
+  EXPECT_EQ(this->defaults().stringForKey("text"), "AES-128");
+}
+
 TYPED_TEST_P(UserDefaultsContract, doesNotStoreWhatIsRegistered) {
   this->defaults().registerDefaults(base::PropertyList::Dictionary{{"flag", true}});
   this->defaults().setBool(true, "other");
@@ -100,6 +116,7 @@ TYPED_TEST_P(UserDefaultsContract, givesNoTextOfAnythingElse) {
 
 REGISTER_TYPED_TEST_SUITE_P(UserDefaultsContract, hasNothingUnderAKeyThatIsNotSet, givesWhatWasRegistered,
                             prefersWhatTheUserSet, prefersWhatTheUserSetBeforeTheRegistration,
+                            storesTextsAndTakesThemBack, givesWhatWasRegisteredOnceATextIsTakenBack,
                             registersNothingFromNoDictionary, storesWhatIsSet, doesNotStoreWhatIsRegistered,
                             readsTruthFromBooleansNumbersAndTexts, readsNoTruthFromAnythingElse,
                             givesTextsAndNumbersAsText, givesNoTextOfAnythingElse);
