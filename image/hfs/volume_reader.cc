@@ -34,6 +34,7 @@ base::Result<std::unique_ptr<VolumeReader>> VolumeReader::open(const block::Disk
                                                                std::uint64_t cacheBytes) {
   std::unique_ptr<VolumeReader> reader(new VolumeReader(disk));
   if (auto read = reader->readHeader(); !read) return read.error();
+  if (auto replayed = reader->replayJournal(); !replayed) return replayed.error();
   if (auto opened = reader->openTrees(cacheBytes); !opened) return opened.error();
   if (auto opened = reader->openStartupFile(); !opened) return opened.error();
   if (auto found = reader->findPrivateFolders(); !found) return found.error();
@@ -42,12 +43,22 @@ base::Result<std::unique_ptr<VolumeReader>> VolumeReader::open(const block::Disk
 
 base::Result<void> VolumeReader::readHeader() {
   std::array<std::byte, 512> sector;
-  if (auto read = disk_.readChecked(1024, sector); !read)
+  if (auto read = disk_->readChecked(1024, sector); !read)
     return base::Error{"the volume header cannot be read: " + read.error().message};
-  auto header = VolumeHeader::decode(sector, disk_.size());
+  auto header = VolumeHeader::decode(sector, disk_->size());
   if (!header) return header.error();
   header_ = *std::move(header);
   return {};
+}
+
+// The volume header may be among what the journal has.
+base::Result<void> VolumeReader::replayJournal() {
+  auto journaled = JournaledDisk::replay(*disk_, header_);
+  if (!journaled) return journaled.error();
+  if (!*journaled) return {};
+  journaled_ = *std::move(journaled);
+  disk_ = journaled_.get();
+  return readHeader();
 }
 
 base::Result<void> VolumeReader::openTrees(std::uint64_t cacheBytes) {
@@ -55,7 +66,7 @@ base::Result<void> VolumeReader::openTrees(std::uint64_t cacheBytes) {
                            const ForkRecord& record) -> base::Result<std::unique_ptr<ForkView>> {
     auto extents = extentsOf(file, ForkKind::data, record);
     if (!extents) return extents.error();
-    return std::make_unique<ForkView>(disk_, header_.blockBytes, record.size, *std::move(extents));
+    return std::make_unique<ForkView>(*disk_, header_.blockBytes, record.size, *std::move(extents));
   };
   if (header_.extentsOverflow.size != 0) {
     auto fork = view(kExtentsFileID, header_.extentsOverflow);
@@ -93,7 +104,7 @@ base::Result<void> VolumeReader::openStartupFile() {
   auto extents = extentsOf(kStartupFileID, ForkKind::data, header_.startupFile);
   if (!extents) return extents.error();
   auto fork =
-      std::make_unique<ForkView>(disk_, header_.blockBytes, header_.startupFile.size, *std::move(extents));
+      std::make_unique<ForkView>(*disk_, header_.blockBytes, header_.startupFile.size, *std::move(extents));
   if (!fork->read(0, signature)) return base::Error{"the startup file cannot be read"};
   if (isNanosecondsSignature(signature)) fractions_ = std::move(fork);
   return {};
@@ -200,7 +211,7 @@ base::Result<void> VolumeReader::read(const ForkMap& fork, std::uint64_t offset,
   while (!into.empty() && offset < fork.bytes()) {
     const ForkMap::Part at = fork.partAt(offset);
     const auto part = into.first(static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), at.bytes)));
-    if (auto read = disk_.readChecked(at.volumeOffset, part); !read) return read;
+    if (auto read = disk_->readChecked(at.volumeOffset, part); !read) return read;
     into = into.subspan(part.size());
     offset += part.size();
   }

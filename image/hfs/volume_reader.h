@@ -11,6 +11,7 @@
 #include "image/block/disk.h"
 #include "image/hfs/attributes_reader.h"
 #include "image/hfs/catalog_reader.h"
+#include "image/hfs/journal.h"
 #include "image/hfs/original.h"
 #include "image/hfs/volume_view.h"
 
@@ -62,9 +63,10 @@ class VolumeReader {
   base::Result<Fractions> fractionsOf(std::uint32_t id) const;
 
  private:
-  explicit VolumeReader(const block::Disk& disk) : disk_(disk) {}
+  explicit VolumeReader(const block::Disk& disk) : disk_(&disk) {}
 
   base::Result<void> readHeader();
+  base::Result<void> replayJournal();
   base::Result<void> openTrees(std::uint64_t cacheBytes);
   base::Result<void> openCatalog(std::uint64_t cacheBytes);
   base::Result<void> openStartupFile();
@@ -74,7 +76,9 @@ class VolumeReader {
   bool isFileLink(const CatalogRecord& record) const;
   bool isFolderLink(const CatalogRecord& record) const;
 
-  const block::Disk& disk_;
+  // Where the volume's journal has something to say.
+  std::unique_ptr<JournaledDisk> journaled_;
+  const block::Disk* disk_;
   VolumeHeader header_;
   std::unique_ptr<ForkView> overflowFork_;
   std::unique_ptr<BTreeReader> overflow_;

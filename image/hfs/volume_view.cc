@@ -60,7 +60,7 @@ base::Result<VolumeHeader> VolumeHeader::decode(std::span<const std::byte> bytes
   if (!isPlus && !isX) return base::Error{"the volume header is not that of an HFS+ volume"};
   header.isX = isX;
   header.attributes = in.get<std::uint32_t>();
-  in.skip(4);
+  header.lastMountedVersion = in.get<std::uint32_t>();
   header.journalInfoBlock = in.get<std::uint32_t>();
   header.created = in.get<std::uint32_t>();
   in.skip(3 * 4);

@@ -36,6 +36,7 @@ struct VolumeHeader {
   // HFSX, whose catalog file says which order its names have.
   bool isX = false;
   std::uint32_t attributes = 0;
+  std::uint32_t lastMountedVersion = 0;
   std::uint32_t journalInfoBlock = 0;
   std::uint32_t created = 0;
   std::uint32_t fileCount = 0;
