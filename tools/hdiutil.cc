@@ -13,7 +13,10 @@ struct Verb {
   int (*run)(const std::vector<std::string>& arguments, const HdiutilHost& host);
 };
 
-constexpr std::array kVerbs{Verb{"create", create}, Verb{"verify", verify}, Verb{"imageinfo", imageInfo}};
+constexpr std::array kVerbs{Verb{"create", create}, Verb{"verify", verify},   Verb{"imageinfo", imageInfo},
+                            Verb{"list", list},     Verb{"extract", extract}, Verb{"compare", compare},
+                            Verb{"mount", mount},   Verb{"attach", attach},   Verb{"unmount", unmount},
+                            Verb{"detach", unmount}};
 
 }  // namespace
 
@@ -26,16 +29,22 @@ int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason
 base::Result<std::unique_ptr<image::OpenedImage>> openImage(const Arguments& arguments,
                                                             const HdiutilHost& host) {
   if (arguments.operands().size() != 1) return base::Error{"one image path is needed"};
-  if (!arguments.has("-stdinpass")) return image::OpenedImage::open(arguments.operands()[0], nullptr);
+  return openImage(arguments.operands()[0], arguments, host);
+}
+
+base::Result<std::unique_ptr<image::OpenedImage>> openImage(const std::string& path,
+                                                            const Arguments& arguments,
+                                                            const HdiutilHost& host) {
+  if (!arguments.has("-stdinpass")) return image::OpenedImage::open(path, nullptr);
   const auto password = host.readPassword();
   if (!password) return password.error();
-  return image::OpenedImage::open(arguments.operands()[0], &*password);
+  return image::OpenedImage::open(path, &*password);
 }
 
 int hdiutil(const std::vector<std::string>& arguments, const HdiutilHost& host) {
   for (const Verb& verb : kVerbs)
     if (!arguments.empty() && arguments[0] == verb.name) return verb.run(arguments, host);
-  host.error << kCreateUsage << kInspectUsage;
+  host.error << kCreateUsage << kInspectUsage << kMountUsage << kContentsUsage;
   if (arguments.empty()) return kNotUnderstood;
   return fail(host, arguments[0], "unknown verb", kNotUnderstood);
 }
