@@ -1,0 +1,68 @@
+#include "platform/linux/secret_service_keychain.h"
+#include <cstdlib>
+
+#include "tests/contract/keychain_contract.h"
+
+namespace contract {
+namespace {
+
+class SecretService {
+ public:
+  SecretService() {
+    for (const char* service : {"Contract 1", "Contract 2"}) keychain_.secItemDelete({.service = service});
+  }
+  ports::KeychainItems& keychain() { return keychain_; }
+
+ private:
+  platform::freedesktop::SecretServiceKeychain keychain_;
+};
+INSTANTIATE_TYPED_TEST_SUITE_P(SecretService, KeychainContract, SecretService);
+
+}  // namespace
+}  // namespace contract
+
+namespace platform::freedesktop {
+namespace {
+
+using namespace std::chrono_literals;
+
+const ports::KeychainQuery kItem{.service = "Contract 1", .account = "pat", .returnData = true};
+
+TEST(UnlockedKeyring, keepsAnItemForTheNextProgram) {
+  SecretServiceKeychain().secItemDelete({.service = "Contract 1"});
+  EXPECT_EQ(SecretServiceKeychain().secItemAdd(kItem, base::Secret("open sesame")), ports::errSecSuccess);
+  const auto found = SecretServiceKeychain().secItemCopyMatching(kItem);
+  ASSERT_TRUE(found.data.has_value());
+  EXPECT_EQ(found.data->reveal(), "open sesame");
+}
+
+TEST(UnlockedKeyring, isNotAvailableWhenItDoesNotAnswerInTime) {
+  SecretServiceKeychain keychain(0ms);
+  EXPECT_EQ(keychain.secItemCopyMatching(kItem).status, ports::errSecNotAvailable);
+  EXPECT_EQ(keychain.secItemAdd(kItem, base::Secret("x")), ports::errSecNotAvailable);
+  EXPECT_EQ(keychain.secItemDelete(kItem), ports::errSecNotAvailable);
+}
+
+TEST(LockedKeyring, tellsALockedItemFromAnAbsentOne) {
+  SecretServiceKeychain keychain;
+  ASSERT_EQ(keychain.secItemAdd(kItem, base::Secret("open sesame")), ports::errSecSuccess);
+  ASSERT_EQ(std::system("gdbus call --session -d org.freedesktop.secrets -o /org/freedesktop/secrets "
+                        "-m org.freedesktop.Secret.Service.Lock "
+                        "\"['/org/freedesktop/secrets/collection/login']\" >/dev/null"),
+            0);
+  EXPECT_EQ(keychain.secItemCopyMatching(kItem).status, ports::errSecInteractionNotAllowed);
+  EXPECT_EQ(keychain.secItemDelete(kItem), ports::errSecInteractionNotAllowed);
+  const ports::KeychainQuery absent{.service = "Contract 1", .account = "nobody"};
+  EXPECT_EQ(keychain.secItemCopyMatching(absent).status, ports::errSecItemNotFound);
+  EXPECT_EQ(keychain.secItemAdd(absent, base::Secret("x")), ports::errSecInteractionNotAllowed);
+}
+
+TEST(NoKeyring, isNotAvailable) {
+  SecretServiceKeychain keychain;
+  EXPECT_EQ(keychain.secItemCopyMatching(kItem).status, ports::errSecNotAvailable);
+  EXPECT_EQ(keychain.secItemAdd(kItem, base::Secret("x")), ports::errSecNotAvailable);
+  EXPECT_EQ(keychain.secItemDelete(kItem), ports::errSecNotAvailable);
+}
+
+}  // namespace
+}  // namespace platform::freedesktop
