@@ -16,6 +16,8 @@ struct MountRequest {
   std::string volumesFolder{};
   // Instead: exactly here.
   std::optional<std::string> mountPoint{};
+  // Refuse an image with anything wrong in it, which takes reading all of it.
+  bool verifiesFirst = false;
 };
 
 struct Mounted {

@@ -132,7 +132,7 @@ int runAgent(const AgentOptions& options, const base::Secret& password) {
   posix::StderrLog log;
   posix::MainLoop loop;
   loop.handleSignals({SIGINT, SIGTERM, SIGHUP}, [&loop](int) { loop.stop(); });
-  posix::PathMap paths(toolsFolder(), posix::dataHome() + "/stashwick/Volumes");
+  posix::PathMap paths(toolsFolder(), posix::unregisteredVolumesFolder());
   posix::PosixFiles hostFiles(paths);
   posix::PosixArchives archives(paths, log);
   posix::IcuDates dates;

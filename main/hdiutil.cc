@@ -2,11 +2,18 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
+#include <optional>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "image/fuse/mount.h"
+#include "image/fuse/unmount.h"
 #include "image/os/host.h"
+#include "image/verify.h"
+#include "main/password_prompt.h"
+#include "platform/posix/xdg_folders.h"
 
 namespace {
 
@@ -27,16 +34,52 @@ void watchSignals() {
   ::sigaction(SIGPIPE, &action, nullptr);
 }
 
+base::Result<base::Secret> readPassword() {
+  if (::isatty(STDIN_FILENO) == 0) return image::os::readPassword(STDIN_FILENO);
+  return promptForPassword("Password of the image: ", interrupted);
+}
+
+base::Result<std::unique_ptr<image::Volume>> openVolume(const image::MountRequest& request,
+                                                        const std::optional<base::Secret>& password) {
+  auto opened = image::OpenedImage::open(request.image, password ? &*password : nullptr);
+  if (!opened) return opened.error();
+  if (request.verifiesFirst)
+    if (const auto checked = image::checkImage(**opened, 0, &interrupted); !checked) return checked.error();
+  return image::Volume::open(std::move(*opened));
+}
+
+base::Result<image::Mounted> mount(image::MountRequest request, std::optional<base::Secret> password) {
+  request.volumesFolder = platform::posix::unregisteredVolumesFolder();
+  request.image = std::filesystem::absolute(request.image);
+  // The process that is left behind does not keep the password.
+  const auto open = [&] {
+    auto volume = openVolume(request, password);
+    password.reset();
+    return volume;
+  };
+  return image::fuse::mountVolume(request, open, &interrupted);
+}
+
+base::Result<std::string> unmount(image::UnmountRequest request) {
+  request.volumesFolder = platform::posix::unregisteredVolumesFolder();
+  return image::fuse::unmount(request);
+}
+
+// A server is left behind: it must not hold what it was never meant to have, as the lock of a script.
+void closeInheritedFiles() { ::close_range(STDERR_FILENO + 1, ~0U, 0); }
+
 }  // namespace
 
 int main(int count, char** arguments) {
   // A crash must not leave a password or key in a core file.
   ::prctl(PR_SET_DUMPABLE, 0);
+  closeInheritedFiles();
   watchSignals();
-  return tools::hdiutil({arguments + 1, arguments + count},
-                        {.out = std::cout,
-                         .error = std::cerr,
-                         .readPassword = [] { return image::os::readPassword(0); },
-                         .errorIsTerminal = ::isatty(2) == 1,
-                         .cancelled = interrupted});
+  return tools::hdiutil({arguments + 1, arguments + count}, {.out = std::cout,
+                                                             .error = std::cerr,
+                                                             .readPassword = readPassword,
+                                                             .errorIsTerminal = ::isatty(2) == 1,
+                                                             .cancelled = interrupted,
+                                                             .mount = mount,
+                                                             .unmount = unmount});
 }

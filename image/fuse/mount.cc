@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -27,9 +28,10 @@ class Report {
  public:
   explicit Report(os::FileDescriptor pipe) : pipe_(std::move(pipe)) {}
 
-  void tell(const base::Result<Mounted>& outcome) {
+  // False when nobody listens any more.
+  bool tell(const base::Result<Mounted>& outcome) {
     if (!outcome) return send("F", outcome.error().message, "");
-    send(outcome->wasMounted ? "A" : "M", outcome->mountPoint, outcome->volumeName);
+    return send(outcome->wasMounted ? "A" : "M", outcome->mountPoint, outcome->volumeName);
   }
   static base::Result<Mounted> parse(const std::string& text) {
     const auto end = text.find('\0');
@@ -41,14 +43,12 @@ class Report {
   }
 
  private:
-  void send(const std::string& kind, const std::string& first, const std::string& second) {
+  bool send(const std::string& kind, const std::string& first, const std::string& second) {
     const std::string text = kind + first + '\0' + second;
-    for (std::size_t sent = 0; sent < text.size();) {
-      const ssize_t size = ::write(pipe_.number(), text.data() + sent, text.size() - sent);
-      if (size < 0 && errno != EINTR) break;
-      if (size > 0) sent += static_cast<std::size_t>(size);
-    }
+    // Less than a pipe takes at once.
+    const bool isSent = ::write(pipe_.number(), text.data(), text.size()) >= 0;
     pipe_ = os::FileDescriptor();
+    return isSent;
   }
 
   os::FileDescriptor pipe_;
@@ -63,6 +63,17 @@ std::string readAll(int file) {
     if (size <= 0) return text;
     text.append(piece.data(), static_cast<std::size_t>(size));
   }
+}
+
+// False when it was cancelled before.
+bool waitForReport(int file, const std::atomic<bool>* cancelled) {
+  constexpr int kInterval = 200;  // milliseconds
+  while (cancelled == nullptr || !*cancelled) {
+    pollfd report{file, POLLIN, 0};
+    const int ready = ::poll(&report, 1, kInterval);
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
+  }
+  return false;
 }
 
 // What libfuse and fusermount3 say on standard error, until it goes away.
@@ -95,7 +106,8 @@ void leaveCaller() {
   ::setsid();
   if (::chdir("/") != 0) std::abort();
   silenceStreams();
-  VolumeServer::blockEndingSignals();
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) std::signal(signal, SIG_DFL);
+  std::signal(SIGPIPE, SIG_IGN);
   ::openlog("hdiutil", LOG_PID, LOG_USER);
 }
 
@@ -136,6 +148,7 @@ class MountedVolume {
  private:
   base::Result<void> show(const ImageIdentity& identity) {
     const CapturedErrors said;
+    VolumeServer::blockEndingSignals();
     server_.emplace(*volume_);
     auto mounted = server_->mount(place_.path, Server::thisProcess(identity).text());
     if (mounted) return mounted;
@@ -154,15 +167,15 @@ void runServer(const MountRequest& request, const OpenVolume& open, os::FileDesc
   Report report(std::move(pipe));
   MountedVolume mounted;
   const auto outcome = mounted.mount(request, open);
-  report.tell(outcome);
-  if (!outcome || !mounted.isServing()) return;
+  if (!report.tell(outcome) || !outcome || !mounted.isServing()) return;
   silenceStreams();
   mounted.serve();
 }
 
 }  // namespace
 
-base::Result<Mounted> mountVolume(const MountRequest& given, const OpenVolume& open) {
+base::Result<Mounted> mountVolume(const MountRequest& given, const OpenVolume& open,
+                                  const std::atomic<bool>* cancelled) {
   MountRequest request = given;
   request.image = std::filesystem::absolute(given.image);
   if (given.mountPoint) request.mountPoint = absolutePlace(*given.mountPoint);
@@ -178,6 +191,11 @@ base::Result<Mounted> mountVolume(const MountRequest& given, const OpenVolume& o
     ::_exit(0);
   }
   writer = os::FileDescriptor();
+  if (!waitForReport(reader.number(), cancelled)) {
+    ::kill(server, SIGTERM);
+    ::waitpid(server, nullptr, 0);
+    return base::Error{"interrupted"};
+  }
   auto outcome = Report::parse(readAll(reader.number()));
   if (!outcome || outcome->wasMounted) ::waitpid(server, nullptr, 0);
   return outcome;

@@ -37,6 +37,8 @@ std::string folder(const char* variable, std::string_view belowHome) {
 std::string dataHome() { return folder("XDG_DATA_HOME", "/.local/share"); }
 std::string configHome() { return folder("XDG_CONFIG_HOME", "/.config"); }
 
+std::string unregisteredVolumesFolder() { return dataHome() + "/stashwick/Volumes"; }
+
 bool makeFolders(const std::string& path) {
   for (std::size_t end = path.find('/', 1); end != path.npos; end = path.find('/', end + 1)) {
     ::mkdir(path.substr(0, end).c_str(), 0700);
