@@ -134,6 +134,13 @@ bool MainLoop::runUntil(const std::function<bool()>& done) {
   return false;
 }
 
+std::optional<MainLoop::Clock::duration> MainLoop::serveReady() {
+  if (stopped()) return std::nullopt;
+  waitAndServeWatches(false);
+  if (performNext()) return Clock::duration::zero();
+  return untilNextDeadline();
+}
+
 void MainLoop::stop(int exitCode) {
   {
     base::MutexLock lock(mutex_);

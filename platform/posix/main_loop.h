@@ -81,6 +81,12 @@ class MainLoop : public ports::MainQueue {
   // Inside a ModalScope this is the alert's own loop. Main thread.
   bool runUntil(const std::function<bool()>& done);
 
+  // For a toolkit whose own loop does the waiting: readable once there may be something to serve.
+  int wakeUpDescriptor() const { return wakeUp_.get(); }
+  // Serves what is ready, one closure at most, without waiting. How long until there is more to serve, as far
+  // as that is known: nothing when only wakeUpDescriptor() can tell. Main thread.
+  std::optional<std::chrono::steady_clock::duration> serveReady();
+
   // Ends run(), and every runUntil() inside it, before the next closure. Any thread.
   void stop(int exitCode = 0);
 

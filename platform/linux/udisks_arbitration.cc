@@ -1,0 +1,344 @@
+#include "platform/linux/udisks_arbitration.h"
+
+#include <QVariantMap>
+#include <algorithm>
+#include <fcntl.h>
+#include <string_view>
+#include <utility>
+
+#include "base/mutex.h"
+#include "platform/linux/block_names.h"
+#include "platform/posix/file_descriptor.h"
+
+namespace platform::freedesktop {
+namespace {
+
+constexpr std::string_view kVolumes = "/Volumes/";
+
+using ports::DiskCompletion;
+using ports::DiskRef;
+using ports::Dissenter;
+
+const Dissenter kGone{ports::kDAReturnNotFound, "the disk is gone"};
+
+QVariantMap optionsForUser(bool asksForPassword) {
+  QVariantMap options;
+  if (!asksForPassword) options.insert("auth.no_user_interaction", true);
+  return options;
+}
+
+}  // namespace
+
+class UDisksArbitration::Disk : public ports::Disk {
+ public:
+  explicit Disk(ports::DiskDescription given) : description(std::move(given)) {}
+
+  // An open path is enough to keep the file system busy, and needs no permission to read it.
+  void setMountPoint(const std::string& mountPoint) {
+    const base::MutexLock lock(mutex_);
+    if (mountPoint == mountPoint_) return;
+    mountPoint_ = mountPoint;
+    held_.reset();
+    if (claimed_) hold();
+  }
+  void claim() {
+    const base::MutexLock lock(mutex_);
+    if (!std::exchange(claimed_, true)) hold();
+  }
+  void unclaim() {
+    const base::MutexLock lock(mutex_);
+    claimed_ = false;
+    held_.reset();
+  }
+  bool isClaimed() {
+    const base::MutexLock lock(mutex_);
+    return claimed_;
+  }
+
+  ports::DiskDescription description;  // main thread only
+
+ private:
+  void hold() REQUIRES(mutex_) {
+    if (mountPoint_.empty()) return;
+    held_ = posix::FileDescriptor(::open(mountPoint_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  }
+
+  base::Mutex mutex_;
+  std::string mountPoint_ GUARDED_BY(mutex_);
+  bool claimed_ GUARDED_BY(mutex_) = false;
+  posix::FileDescriptor held_ GUARDED_BY(mutex_);
+};
+
+struct UDisksArbitration::Present {
+  UDisksDisk found;
+  std::string name{};                     // of a volume: the wanted one, or that with a number
+  std::optional<base::Date> arrivedAt{};  // known for what came since the daemon first told its disks
+  std::shared_ptr<Disk> disk{};
+  bool isAnnounced = false;
+  bool wasAnnouncedMounted = false;
+};
+
+UDisksArbitration::UDisksArbitration(const Surroundings& surroundings, Settings settings)
+    : around_(surroundings),
+      settings_(std::move(settings)),
+      sessions_(around_.queue, [this] { return announced(); }),
+      self_(std::make_shared<UDisksArbitration*>(this)),
+      bus_(
+          {settings_.busAddress, settings_.answersWithin}, [this] { reconcile(); }, around_.log) {
+  bus_.reach();
+}
+
+UDisksArbitration::~UDisksArbitration() {
+  for (const auto& present : present_) setMountPoint(*present, "");
+}
+
+void UDisksArbitration::later(std::function<void()> act) {
+  around_.queue.post([self = std::weak_ptr(self_), act = std::move(act)] {
+    if (self.lock()) act();
+  });
+}
+
+DiskCompletion UDisksArbitration::completingLater(DiskCompletion done) {
+  return [this, done = std::move(done)](const std::optional<Dissenter>& dissenter) {
+    later([done, dissenter] { done(dissenter); });
+  };
+}
+
+// --- what is there ---
+
+void UDisksArbitration::reconcile() {
+  auto found = disksOf(bus_.objects(), settings_.sysfs);
+  const auto foundAs = [&found](const Present& present) {
+    return std::ranges::find(found, present.found.bsdName, &UDisksDisk::bsdName);
+  };
+  // Departures first: they make names free.
+  for (const auto& present : std::vector(present_)) {
+    const auto now = foundAs(*present);
+    if (now == found.end() || isReplaced(*present, *now)) depart(present);
+  }
+  for (auto& disk : found) {
+    const auto known = std::ranges::find_if(
+        present_, [&](const auto& present) { return present->found.bsdName == disk.bsdName; });
+    if (known == present_.end()) {
+      arrive(std::move(disk));
+    } else {
+      update(*known, std::move(disk));
+    }
+  }
+}
+
+// Whether what is there now has to be told as another disk.
+bool UDisksArbitration::isReplaced(const Present& present, const UDisksDisk& now) const {
+  return present.found.block != now.block || (!present.disk->isClaimed() && isRenewed(present, now));
+}
+
+bool UDisksArbitration::isRenewed(const Present& present, const UDisksDisk& now) const {
+  const auto changes = [&](std::string_view key) {
+    const auto* before = base::find<std::string>(present.found.description, key);
+    const auto* after = base::find<std::string>(now.description, key);
+    return (before ? *before : "") != (after ? *after : "");
+  };
+  const bool isFirstMount = present.isAnnounced && !present.wasAnnouncedMounted && !now.mountPoint.empty();
+  return isFirstMount || present.found.wantedName != now.wantedName ||
+         changes(ports::kDADiskDescriptionVolumeKindKey) || changes(ports::kDADiskDescriptionMediaUUIDKey);
+}
+
+void UDisksArbitration::arrive(UDisksDisk found) {
+  const auto present = std::make_shared<Present>(Present{.found = std::move(found)});
+  if (!present->found.whole) {
+    present->name = freeName(present->found.wantedName, [this](const std::string& name) {
+      return std::ranges::any_of(present_, [&](const auto& other) { return other->name == name; });
+    });
+  }
+  present->arrivedAt = bus_.hasListed() ? std::optional(around_.dates.now()) : std::nullopt;
+  present->disk = std::make_shared<Disk>(describe(present->found, *present));
+  present_.push_back(present);
+  setMountPoint(*present, present->found.mountPoint);
+  if (!present->found.mountPoint.empty() || !present->found.shouldBeMounted) return announce(*present);
+  around_.queue.postAfter(settings_.secondsUntilMounted,
+                          [this, self = std::weak_ptr(self_), weak = std::weak_ptr(present)] {
+                            const auto waiting = weak.lock();
+                            if (self.lock() && waiting) mountUnlessMounted(waiting);
+                          });
+}
+
+ports::DiskDescription UDisksArbitration::describe(const UDisksDisk& found, const Present& present) const {
+  auto description = found.description;
+  if (!found.whole) {
+    description.insert_or_assign(std::string(ports::kDADiskDescriptionVolumeNameKey), present.name);
+  }
+  if (present.arrivedAt) {
+    description.try_emplace(std::string(ports::kDAAppearanceTimeKey),
+                            present.arrivedAt->secondsSinceReferenceDate);
+  }
+  return description;
+}
+
+void UDisksArbitration::update(const PresentRef& present, UDisksDisk now) {
+  setMountPoint(*present, now.mountPoint);
+  if (!now.mountPoint.empty()) announce(*present);
+  if (isRenewed(*present, now)) return;  // once it is unclaimed
+  present->disk->description = describe(now, *present);
+  present->found = std::move(now);
+}
+
+void UDisksArbitration::setMountPoint(Present& present, const std::string& mountPoint) {
+  const bool isMounted = !mountPoint.empty();
+  if (isMounted) around_.paths.setVolume(present.name, mountPoint);
+  if (!isMounted && !present.found.mountPoint.empty()) around_.paths.removeVolume(present.name);
+  present.found.mountPoint = mountPoint;
+  present.disk->setMountPoint(mountPoint);
+}
+
+void UDisksArbitration::announce(Present& present) {
+  if (std::exchange(present.isAnnounced, true)) return;
+  present.wasAnnouncedMounted = !present.found.mountPoint.empty();
+  sessions_.tell();
+}
+
+void UDisksArbitration::depart(const PresentRef& present) {
+  setMountPoint(*present, "");
+  std::erase(present_, present);
+  sessions_.tell();
+}
+
+void UDisksArbitration::mountUnlessMounted(const PresentRef& present) {
+  if (!isPresent(present) || present->isAnnounced) return;
+  mountNow(present, false, [this, present](const std::optional<Dissenter>& dissenter) {
+    if (dissenter) {
+      around_.log.log("[Stashwick] mounting \"" + present->name + "\": " + dissenter->statusString);
+    }
+    announce(*present);
+  });
+}
+
+UDisksArbitration::PresentRef UDisksArbitration::presentOf(const DiskRef& disk) const {
+  const auto found =
+      std::ranges::find_if(present_, [&](const auto& present) { return present->disk == disk; });
+  return !disk || found == present_.end() ? nullptr : *found;
+}
+
+bool UDisksArbitration::isPresent(const PresentRef& present) const {
+  return std::ranges::find(present_, present) != present_.end();
+}
+
+std::vector<DiskRef> UDisksArbitration::announced() const {
+  std::vector<DiskRef> disks;
+  for (const auto& present : present_) {
+    if (present->isAnnounced) disks.push_back(present->disk);
+  }
+  return disks;
+}
+
+// --- what clients ask for ---
+
+std::unique_ptr<ports::DiskSession> UDisksArbitration::createSession(ports::DiskSessionCallbacks callbacks) {
+  return bus_.reach() ? sessions_.create(std::move(callbacks)) : nullptr;
+}
+
+ports::DiskDescription UDisksArbitration::copyDescription(const DiskRef& disk) {
+  return disk ? static_cast<const Disk&>(*disk).description : ports::DiskDescription{};
+}
+
+void UDisksArbitration::claim(const DiskRef& disk) {
+  if (disk) static_cast<Disk&>(*disk).claim();
+}
+
+void UDisksArbitration::unclaim(const DiskRef& disk) {
+  if (!disk) return;
+  static_cast<Disk&>(*disk).unclaim();
+  later([this] { reconcile(); });
+}
+
+void UDisksArbitration::mount(const DiskRef& disk, DiskCompletion done) {
+  later([this, disk, done = std::move(done)] {
+    const auto present = presentOf(disk);
+    if (!present) return done(kGone);
+    mountNow(present, true, completingLater(done));
+  });
+}
+
+void UDisksArbitration::unmount(const DiskRef& disk, DiskCompletion done) {
+  later([this, disk, done = std::move(done)] {
+    const auto present = presentOf(disk);
+    if (!present) return done(kGone);
+    unmountNow(present, completingLater(done));
+  });
+}
+
+void UDisksArbitration::eject(const DiskRef& disk, DiskCompletion done) {
+  later([this, disk, done = std::move(done)] {
+    const auto present = presentOf(disk);
+    if (!present) return done(kGone);
+    ejectNow(present, completingLater(done));
+  });
+}
+
+void UDisksArbitration::mountNow(const PresentRef& present, bool asksForPassword,
+                                 const DiskCompletion& done) {
+  if (present->found.whole) return done(Dissenter{ports::kDAReturnUnsupported, "there is no volume on it"});
+  if (!present->found.mountPoint.empty())
+    return done(Dissenter{ports::kDAReturnBusy, "it is mounted already"});
+  bus_.call(present->found.block, "Filesystem", "Mount", {optionsForUser(asksForPassword)},
+            settings_.actsWithin, [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
+              if (!reply.dissenter) bus_.noteMountPoint(block, reply.text);
+              reconcile();
+              done(reply.dissenter);
+            });
+}
+
+void UDisksArbitration::unmountNow(const PresentRef& present, const DiskCompletion& done) {
+  if (present->found.mountPoint.empty())
+    return done(Dissenter{ports::kDAReturnNotMounted, "it is not mounted"});
+  if (auto dissenter = sessions_.askForUnmount(present->disk)) return done(dissenter);
+  if (!isPresent(present)) return done(kGone);
+  bus_.call(present->found.block, "Filesystem", "Unmount", {optionsForUser(true)}, settings_.actsWithin,
+            [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
+              if (!reply.dissenter) bus_.noteMountPoint(block, "");
+              reconcile();
+              done(reply.dissenter);
+            });
+}
+
+void UDisksArbitration::ejectNow(const PresentRef& present, const DiskCompletion& done) {
+  const auto* drive = bus_.objects().find(present->found.drive, "Drive");
+  if (drive == nullptr || !flagOf(*drive, "Ejectable")) {
+    return done(Dissenter{ports::kDAReturnUnsupported, "its drive cannot eject it"});
+  }
+  if (!present->found.mountPoint.empty()) {
+    return unmountNow(present, [this, present, done](const std::optional<Dissenter>& dissenter) {
+      if (dissenter || !isPresent(present)) return done(dissenter ? dissenter : kGone);
+      ejectNow(present, done);
+    });
+  }
+  bus_.call(present->found.drive, "Drive", "Eject", {optionsForUser(true)}, settings_.actsWithin,
+            [done](const UDisksBus::Reply& reply) { done(reply.dissenter); });
+}
+
+void UDisksArbitration::rename(const DiskRef& disk, const std::string& name) {
+  later([this, disk, name] {
+    const auto failed = [this, name](const std::string& reason) {
+      around_.log.log("[Stashwick] renaming a volume to \"" + name + "\": " + reason);
+    };
+    const auto present = presentOf(disk);
+    if (!present) return failed(kGone.statusString);
+    if (present->found.whole) return failed("there is no volume on it");
+    if (!posix::PathMap::isVolumeName(name)) return failed("a volume cannot have this name");
+    bus_.call(present->found.block, "Filesystem", "SetLabel",
+              {QString::fromStdString(name), optionsForUser(true)}, settings_.actsWithin,
+              [failed](const UDisksBus::Reply& reply) {
+                if (reply.dissenter) failed(reply.dissenter->statusString);
+              });
+  });
+}
+
+DiskRef UDisksArbitration::diskFromVolumePath(const base::FileURL& volume) {
+  const std::string_view path = volume.path;
+  const auto found = std::ranges::find_if(present_, [&](const auto& present) {
+    return !present->found.mountPoint.empty() && path.starts_with(kVolumes) &&
+           path.substr(kVolumes.size()) == present->name;
+  });
+  return found == present_.end() ? nullptr : (*found)->disk;
+}
+
+}  // namespace platform::freedesktop
