@@ -9,6 +9,7 @@
 
 #include "app/agent_app_delegate.h"
 #include "main/agent_options.h"
+#include "main/locked_tool_runs.h"
 #include "main/observed_tool_runs.h"
 #include "main/password_file.h"
 #include "main/wanted_backups.h"
@@ -139,7 +140,8 @@ int runAgent(const AgentOptions& options, const base::Secret& password) {
   embedded::EmbeddedDisks disks({loop, paths, hostFiles, archives, dates, log});
   embedded::VolumeFiles files(hostFiles, [&disks](auto path) { return disks.isPlainFolder(path); });
   posix::PosixToolRuns hostTools(paths, log);
-  ObservedToolRuns tools(hostTools);
+  LockedToolRuns lockedTools(hostTools, paths);
+  ObservedToolRuns tools(lockedTools);
   posix::FileUserDefaults defaults(log);
   posix::DirectoryBundle bundle(posix::DirectoryBundle::defaultFolder(), dates.preferredLanguages(), log);
   posix::PosixUserSession user;

@@ -119,6 +119,12 @@ base::Result<void> replaceFile(const std::string& path, std::span<const std::byt
   return done;
 }
 
+base::Result<void> removeFile(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return base::Error{errnoText()};
+  syncFolder(folderOf(path));
+  return {};
+}
+
 base::Result<std::string> keepAside(const std::string& path) {
   constexpr int kMaxKept = 10000;
   struct stat item {};

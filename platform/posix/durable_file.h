@@ -33,6 +33,9 @@ std::string linkTarget(std::string path);
 // folder synced. On failure the old contents stand. A symbolic link at the path itself is replaced.
 base::Result<void> replaceFile(const std::string& path, std::span<const std::byte> contents);
 
+// Removes the file, durably. No error when there is none.
+base::Result<void> removeFile(const std::string& path);
+
 // Gives the file a further name, NAME.damaged or NAME.damaged-2 and so on, and returns that path. On a file
 // system without links it is renamed.
 base::Result<std::string> keepAside(const std::string& path);
