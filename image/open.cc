@@ -1,6 +1,7 @@
 #include "image/open.h"
 
 #include <algorithm>
+#include <array>
 
 #include "image/block/content.h"
 #include "image/os/host.h"
@@ -27,6 +28,9 @@ base::Result<void> OpenedImage::read(const base::RandomAccess& plain) {
     udif_ = *std::move(udif);
     setReading({});
   } else {
+    std::array<std::byte, crypt::ContainerHeader::kVersion1EndBytes> end;
+    if (plain.read(plain.size() - end.size(), end) && crypt::ContainerHeader::isVersion1(end))
+      return base::Error{"an encrypted image of version 1 is not supported"};
     if (plain.size() % block::kSectorBytes != 0)
       return base::Error{"not a disk image: it has no trailer, and its length is not a number of sectors"};
     disk_ = std::make_unique<block::FileDisk>(plain);

@@ -15,6 +15,7 @@ namespace image::crypt {
 namespace {
 
 constexpr std::string_view kSignature = "encrcdsa";
+constexpr std::string_view kVersion1Signature = "cdsaencr";
 constexpr std::size_t kHeaderBytes = 96;
 constexpr std::size_t kKeyEntryBytes = 616;
 constexpr std::size_t kIVKeyBytes = 20;
@@ -252,6 +253,8 @@ std::vector<std::byte> ContainerHeader::encode(std::span<const std::byte, 16> id
 bool ContainerHeader::isContainer(std::span<const std::byte> bytes) {
   return viewOf(bytes).starts_with(kSignature);
 }
+
+bool ContainerHeader::isVersion1(std::span<const std::byte> end) { return viewOf(end) == kVersion1Signature; }
 
 base::Result<ContainerHeader> ContainerHeader::decode(std::span<const std::byte> bytes) {
   const base::Error unknown{"an encrypted image of a kind that is not known here"};

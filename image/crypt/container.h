@@ -68,10 +68,14 @@ struct ContainerHeader {
 
   // dataOffset bytes.
   std::vector<std::byte> encode(std::span<const std::byte, 16> identifier) const;
-  // bytes: the file's first kHeadBytes, or all of a shorter one.
+  // bytes: the file's first kHeadBytes, or all of a shorter one. Key entries for anything but a password are
+  // passed over.
   static constexpr std::size_t kHeadBytes = 4096;
   static base::Result<ContainerHeader> decode(std::span<const std::byte> bytes);
   static bool isContainer(std::span<const std::byte> bytes);
+  // Whether a file with these bytes at its very end is a container of version 1, which is not read here.
+  static constexpr std::size_t kVersion1EndBytes = 8;
+  static bool isVersion1(std::span<const std::byte> end);
 };
 
 }  // namespace image::crypt
