@@ -88,10 +88,14 @@ class Giving {
   void giveOwner() {
     if (::geteuid() != 0) return;
     if (status_.st_uid == attributes_.user && status_.st_gid == attributes_.group) return;
-    if (::fchownat(file_, "", attributes_.user, attributes_.group, AT_EMPTY_PATH) != 0)
+    // The numbers that stand for "as it is" are nobody's, but no error either: what came of it has to be
+    // looked at.
+    if (::fchownat(file_, "", attributes_.user, attributes_.group, AT_EMPTY_PATH) != 0 ||
+        ::fstat(file_, &status_) != 0)
       return leaveOut("owner");
-    status_.st_uid = attributes_.user;
-    status_.st_gid = attributes_.group;
+    if (status_.st_uid == attributes_.user && status_.st_gid == attributes_.group) return;
+    errno = EINVAL;
+    leaveOut("owner");
   }
 
   void giveExtended(const ReadAttribute& attribute) {
