@@ -1,5 +1,7 @@
 // What comes back out of a backup.
 
+#include <algorithm>
+
 #include "cli/commands.h"
 #include "cli/engine_run.h"
 #include "cli/image_tool.h"
@@ -72,6 +74,40 @@ Problem incomplete(const Problem& why, const Backup& backup, const std::string& 
               "stashwickctl restore " + quoted(backup.name()) + " --to " + quoted(target)};
 }
 
+bool isOfContents(const base::PropertyList& difference) {
+  const auto* entry = difference.as<base::PropertyList::Dictionary>();
+  const auto* change = entry ? base::find<std::string>(*entry, "change") : nullptr;
+  const auto* what = entry ? base::find<base::PropertyList::Array>(*entry, "what") : nullptr;
+  if (!change || *change != "changed" || !what) return true;
+  return std::ranges::any_of(*what, [](const base::PropertyList& part) {
+    const auto* text = part.as<std::string>();
+    return text && (*text == "contents" || *text == "kind");
+  });
+}
+
+// The copying tool's words do not tell what is there: on file systems without owners it complains although
+// every byte was copied.
+std::optional<Problem> compareContents(Session& session, const Backup& backup, const std::string& volume) {
+  const auto differences = ImageTool(session).compare(backup, "/Volumes/" + volume);
+  if (!differences) return differences.problem();
+  const auto count = std::ranges::count_if(*differences, isOfContents);
+  if (count == 0) return std::nullopt;
+  return Problem{Exit::failed,
+                 countText(static_cast<std::uint64_t>(count), "difference") + " from the backup"};
+}
+
+Outcome judge(Session& session, const Backup& backup, const std::string& volume, const std::string& to,
+              const std::optional<Problem>& told) {
+  if (told && told->exit == Exit::interrupted) return incomplete(*told, backup, volume, to);
+  if (const auto problem = compareContents(session, backup, volume)) {
+    const std::string why = told ? told->text + "; " : "";
+    return incomplete({problem->exit, why + problem->text}, backup, volume, to);
+  }
+  if (told) session.warn("all contents are restored, but not every attribute: " + told->text);
+  session.say(volume + ": restored " + backup.name() + ", and compared with it");
+  return Exit::done;
+}
+
 }  // namespace
 
 Outcome restoreBackup(Session& session, const std::string& name, const std::optional<std::string>& to) {
@@ -96,15 +132,12 @@ Outcome restoreBackup(Session& session, const std::string& name, const std::opti
   EngineRun run(session, {});
   run.engine().restoreWithBackupInstance(backup->instance, *password);
   const auto ended = run.wait("Restoring " + backup->name() + " to \"" + volume + "\"");
-  const bool erased = run.tools().hasBegun("/bin/rm");
-  if (ended && *ended) {
-    session.say(volume + ": restored " + backup->name());
-    return Exit::done;
-  }
-  const Problem why =
-      ended ? run.tools().failure().value_or(Problem{Exit::failed, "it ended too early"}) : ended.problem();
-  if (run.tools().hasBegun("/usr/bin/hdiutil")) unmountAfterFailure(session, device);
-  return erased ? incomplete(why, *backup, volume, to.value_or(device)) : why;
+  std::optional<Problem> told;
+  if (!ended) told = ended.problem();
+  if (ended && !*ended) told = run.tools().failure().value_or(Problem{Exit::failed, "it ended too early"});
+  if (told && run.tools().hasBegun("/usr/bin/hdiutil")) unmountAfterFailure(session, device);
+  if (!run.tools().hasBegun("/bin/rm")) return told.value_or(Problem{Exit::failed, "nothing was begun"});
+  return judge(session, *backup, volume, to.value_or(device), told);
 }
 
 Outcome extractBackup(Session& session, const std::string& name, const std::vector<std::string>& paths,
