@@ -14,7 +14,8 @@ class SecretService {
   ports::KeychainItems& keychain() { return keychain_; }
 
  private:
-  platform::freedesktop::SecretServiceKeychain keychain_;
+  // Long, as the machine may be busy.
+  platform::freedesktop::SecretServiceKeychain keychain_{std::chrono::seconds(60)};
 };
 INSTANTIATE_TYPED_TEST_SUITE_P(SecretService, KeychainContract, SecretService);
 
