@@ -28,6 +28,10 @@ class AgentWorld : public testing::Test {
   std::unique_ptr<Program> startAgent(const Arguments& arguments);
   std::unique_ptr<Program> openTerminal(const Arguments& arguments);
   Outcome shell(const std::string& line);
+  // Any program in this world.
+  std::unique_ptr<Program> start(const Arguments& commandLine,
+                                 Program::Screen screen = Program::Screen::none);
+  static Outcome outcomeOf(Program& program);
 
   // A folder with files of several kinds.
   std::string makeStick(const std::string& name);
@@ -44,9 +48,4 @@ class AgentWorld : public testing::Test {
   TemporaryFolder temporary;
   std::string dataHome = temporary / "home/data";
   std::string configHome = temporary / "home/config";
-
- private:
-  std::unique_ptr<Program> start(const Arguments& commandLine,
-                                 Program::Screen screen = Program::Screen::none);
-  static Outcome outcomeOf(Program& program);
 };
