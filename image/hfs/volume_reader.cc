@@ -246,7 +246,8 @@ base::Result<std::vector<std::byte>> VolumeReader::valueOf(std::uint32_t file,
 base::Result<std::optional<std::vector<std::byte>>> VolumeReader::attribute(const CatalogRecord& record,
                                                                             std::u16string_view name) const {
   std::optional<std::vector<std::byte>> found;
-  if (!record.has(CatalogRecord::kHasAttributes)) return found;
+  const bool isCompressed = (record.ownerFlags & CatalogRecord::kCompressed) != 0;
+  if (!record.has(CatalogRecord::kHasAttributes) && !isCompressed) return found;
   const auto take = [&](const StoredAttribute& attribute) -> base::Result<void> {
     if (attribute.name != name) return {};
     auto value = valueOf(record.id, attribute);

@@ -51,8 +51,8 @@ class VolumeReader {
   base::Result<std::vector<std::byte>> valueOf(std::uint32_t file, const StoredAttribute& attribute) const;
   base::Result<std::vector<std::byte>> wholeFork(std::uint32_t file, ForkKind kind,
                                                  const ForkRecord& record) const;
-  // The value of the item's attribute of that stored name; nullopt where it has none, or does not say that it
-  // has attributes.
+  // The value of the item's attribute of that stored name; nullopt where it has none, or says neither that
+  // it has attributes nor that its data are in one.
   base::Result<std::optional<std::vector<std::byte>>> attribute(const CatalogRecord& record,
                                                                 std::u16string_view name) const;
   // What was kept of the item beside its record.
