@@ -122,8 +122,8 @@ TEST(VolumeOfOthers, saysThatTheTargetOfAHardLinkIsMissing) {
 
 std::string zlibOf(std::string_view bytes) {
   std::string stream(bytes.size() + 1000, '\0');
-  stream.resize(codec::ZlibCompressor(codec::Effort::small)
-                    .compress(std::as_bytes(std::span(bytes)), std::as_writable_bytes(std::span(stream))));
+  stream.resize(codec::ZlibCompressor(6).compress(std::as_bytes(std::span(bytes)),
+                                                  std::as_writable_bytes(std::span(stream))));
   return stream;
 }
 
