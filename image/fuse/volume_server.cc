@@ -216,6 +216,9 @@ void readFolderPlus(fuse_req_t request, fuse_ino_t, std::size_t size, off_t from
                    });
 }
 
+// Needs no answer: the kernel does not ask again, and keeps what was read.
+void openFile(fuse_req_t request, fuse_ino_t, fuse_file_info*) { fuse_reply_err(request, ENOSYS); }
+
 void readFile(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset, fuse_file_info*) {
   thread_local std::vector<std::byte> buffer;
   if (buffer.size() < size) buffer.resize(size);
@@ -278,6 +281,7 @@ fuse_lowlevel_ops operations() {
   operations.lookup = lookup;
   operations.getattr = getAttributes;
   operations.readlink = readLink;
+  operations.open = openFile;
   operations.read = readFile;
   operations.opendir = openFolder;
   operations.readdir = readFolder;
