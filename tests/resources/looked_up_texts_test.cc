@@ -52,7 +52,7 @@ TEST(LookedUpTexts, endWithTheSource) {
 
 std::set<std::string, std::less<>> textsOfTheAgent() {
   std::set<std::string, std::less<>> texts;
-  for (const char* folder : {"app", "engine", "store"})
+  for (const char* folder : {"app", "engine", "store", "platform"})
     for (const auto& entry : std::filesystem::recursive_directory_iterator(sourceFolder() / folder))
       if (entry.path().extension() == ".cc" || entry.path().extension() == ".h")
         texts.merge(lookedUpTexts(readFile(entry.path())));
