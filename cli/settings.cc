@@ -18,11 +18,14 @@ constexpr const char* kService = "Stashwick 3";
 constexpr std::string_view kEncryptionKey = "ZQStashwickBackupEncryption";
 constexpr std::string_view kAutomaticKey = "ZQCreatesAutomaticBackups";
 constexpr const char* kNoKeychain =
-    "there is no keychain on this machine that keeps a password; give it with each command (see "
+    "there is no keychain on this machine that answers; give the password with each command (see "
     "--password-stdin and --password-file)";
 
 Problem keychainProblem(const std::optional<base::DomainError>& error) {
   const auto code = error ? error->code : 0;
+  if (code == ports::errSecNotAvailable) return {Exit::failed, kNoKeychain};
+  if (code == ports::errSecInteractionNotAllowed)
+    return {Exit::authentication, "the keychain is locked; unlock it on the desktop first"};
   if (code == ports::errSecItemNotFound) return {Exit::notFound, "there is no password in the keychain"};
   if (code == ports::errSecAuthFailed) return {Exit::authentication, "the keychain refused access"};
   return {Exit::failed, "the keychain does not answer (status " + std::to_string(code) + ")"};
@@ -73,7 +76,6 @@ std::optional<std::int32_t> flagOf(const std::string& answer) {
 }  // namespace
 
 Outcome setPassword(Session& session) {
-  if (!session.around().keychainLasts) return Problem{Exit::failed, kNoKeychain};
   const auto& options = session.options();
   if (!options.passwordFromInput && !options.passwordFile && !session.around().terminal.isAttended())
     return Problem{Exit::usage, "there is nobody to ask for the password (see --password-stdin)"};
@@ -88,7 +90,6 @@ Outcome setPassword(Session& session) {
 }
 
 Outcome forgetPassword(Session& session) {
-  if (!session.around().keychainLasts) return Problem{Exit::failed, kNoKeychain};
   std::optional<base::DomainError> error;
   if (!KXKeychain::deletePasswordForService(session.host().keychain, kService,
                                             session.host().user.fullUserName(), &error))
@@ -109,7 +110,6 @@ Outcome checkPassword(Session& session, const std::optional<std::string>& name) 
     session.say(backup->name() + ": the password opens it");
     return Exit::done;
   }
-  if (!session.around().keychainLasts) return Problem{Exit::failed, kNoKeychain};
   std::optional<base::DomainError> error;
   const auto stored = KXKeychain::passwordForService(session.host().keychain, kService,
                                                      session.host().user.fullUserName(), &error);

@@ -85,8 +85,6 @@ struct Surroundings {
   Terminal& terminal;
   StoreFolders& folders;
   AutomaticBackups& automatic;
-  // Whether what is put into the keychain is there for the next process.
-  bool keychainLasts = false;
   // Tools for cleaning up, which an interruption does not end.
   ports::ToolRuns& lastTools;
   // Serves the main queue until the condition holds; false when the program is interrupted first, which has

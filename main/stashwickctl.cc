@@ -12,8 +12,8 @@
 #include "main/asking_terminal.h"
 #include "main/attached_folders.h"
 #include "main/password_file.h"
-#include "platform/embedded/memory_keychain.h"
 #include "platform/embedded/terminal_desktop.h"
+#include "platform/linux/secret_service_keychain.h"
 #include "platform/posix/directory_bundle.h"
 #include "platform/posix/durable_file.h"
 #include "platform/posix/file_user_defaults.h"
@@ -124,8 +124,7 @@ int runCommand(const std::vector<std::string>& arguments) {
   posix::FileUserDefaults defaults(log);
   posix::DirectoryBundle bundle(posix::DirectoryBundle::defaultFolder(), dates.preferredLanguages(), log);
   posix::PosixUserSession user;
-  embedded::MemoryKeychain keychain(dates);
-  constexpr bool kKeychainLasts = false;
+  freedesktop::SecretServiceKeychain keychain;
   embedded::TerminalDesktop desktop(loop, log, {.automaticAnswer = kNobodyThere}, [&loop] { loop.stop(); });
   base::NotificationCenter notifications;
   const ports::Host host{disks,    keychain, desktop, tools, loop, files,        archives,
@@ -141,7 +140,6 @@ int runCommand(const std::vector<std::string>& arguments) {
                            .terminal = terminal,
                            .folders = folders,
                            .automatic = automatic,
-                           .keychainLasts = kKeychainLasts,
                            .lastTools = lastTools,
                            .serveUntil = [&loop](const auto& done) { return loop.runUntil(done); },
                            .streams = streams()});

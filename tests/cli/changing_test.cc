@@ -265,12 +265,18 @@ TEST_F(Changing, storesAPasswordInTheKeychain) {
   EXPECT_EQ(ctl({"password", "check"}), Exit::notFound);
 }
 
-TEST_F(Changing, doesNotPretendToStoreAPasswordWhereNoKeychainLasts) {
-  keychainLasts = false;
+TEST_F(Changing, doesNotPretendToStoreAPasswordWhereThereIsNoKeychain) {
+  world.keychain.failWith(ports::errSecNotAvailable);
   terminal.passwords = {"secret", "secret"};
   EXPECT_EQ(ctl({"password", "set"}), Exit::failed);
   EXPECT_THAT(error.str(), HasSubstr("password set failed - there is no keychain on this machine"));
   EXPECT_EQ(world.keychain.items(), 0U);
+}
+
+TEST_F(Changing, saysThatTheKeychainIsLocked) {
+  world.keychain.failWith(ports::errSecInteractionNotAllowed);
+  EXPECT_EQ(ctl({"password", "check"}), Exit::authentication);
+  EXPECT_THAT(error.str(), HasSubstr("the keychain is locked"));
 }
 
 TEST_F(Changing, checksAPasswordAgainstABackup) {

@@ -164,7 +164,6 @@ class CliTest : public ::testing::Test {
                                   .terminal = terminal,
                                   .folders = folders,
                                   .automatic = automatic,
-                                  .keychainLasts = keychainLasts,
                                   .lastTools = world.tools,
                                   .serveUntil = [this](const auto& done) { return world.runUntil(done); },
                                   .streams = {.out = out, .error = error}});
@@ -200,7 +199,6 @@ class CliTest : public ::testing::Test {
   ScriptedTerminal terminal;
   WorldFolders folders{world};
   FlagsByName automatic;
-  bool keychainLasts = true;
   bool storesEncrypted = false;
   std::map<std::string, std::string> answers;
   std::optional<std::string> password;  // that the tool wants for every image

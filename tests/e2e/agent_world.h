@@ -9,7 +9,7 @@
 #include "tests/platform/posix/temporary_folder.h"
 
 // The agent's own programs, with a home of their own: settings and store below home(), folders to back up
-// beside it.
+// beside it, and no session bus.
 class AgentWorld : public testing::Test {
  protected:
   using Arguments = std::vector<std::string>;

@@ -229,7 +229,7 @@ TEST_F(Ctl, sharesItsSettingsWithTheAgent) {
   EXPECT_EQ(ctl({"verify", "STICK/1", passwordFile("right")}).status, 0);
 }
 
-TEST_F(Ctl, saysThatNoKeychainKeepsPasswords) {
+TEST_F(Ctl, saysThatThereIsNoKeychain) {
   const auto run = ctl({"password", "set", passwordFile("right")});
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(run.errors, HasSubstr("password set failed - there is no keychain on this machine"));
