@@ -120,7 +120,7 @@ class DiskView::State {
     std::list<std::size_t>::iterator place;
   };
 
-  base::Result<void> readSegment(std::size_t segment, std::uint64_t offset, std::span<std::byte> into);
+  base::Result<void> readSegment(std::size_t at, std::uint64_t offset, std::span<std::byte> into);
   // The chunk, made by this thread or by another one.
   base::Result<ChunkPointer> demand(std::size_t segment);
   // Of a chunk that this thread has set to `making`.
@@ -230,13 +230,15 @@ void DiskView::State::make(Chunk& chunk) {
   {
     base::MutexLock lock(mutex_);
     benches_.push_back(std::move(bench));
-    chunk.state = made ? Chunk::State::ready : Chunk::State::failed;
-    if (made)
+    if (made) {
       chunk.bytes = *std::move(made);
-    else
+      chunk.state = Chunk::State::ready;
+    } else {
       chunk.error = made.error();
-    // Whoever asks again has it tried again: the medium may have failed for a moment only.
-    if (!made) forget(chunk.segment);
+      chunk.state = Chunk::State::failed;
+      // Whoever asks again has it tried again: the medium may have failed for a moment only.
+      forget(chunk.segment);
+    }
     trim();
   }
   made_.notify_all();
