@@ -186,9 +186,9 @@ base::Result<BTreeView> BTreeView::open(const base::RandomAccess& fork, std::str
   tree.freeNodes_ = in.get<std::uint32_t>();
   in.skip(2 + 4 + 1);
   tree.keyCompareType_ = in.get<std::uint8_t>();
+  // Who grows the file by blocks smaller than a node may leave it with a part of one at its end.
   const bool sound = isHeader && tree.nodeBytes_ >= 512 && std::has_single_bit(tree.nodeBytes_) &&
-                     tree.nodeCount_ != 0 &&
-                     std::uint64_t{tree.nodeCount_} * tree.nodeBytes_ == fork.size() &&
+                     tree.nodeCount_ != 0 && fork.size() / tree.nodeBytes_ == tree.nodeCount_ &&
                      tree.freeNodes_ < tree.nodeCount_ && tree.depth_ <= 16;
   if (!sound) return tree.damaged("its header contradicts itself", 0);
   return tree;

@@ -167,6 +167,19 @@ def check_others_reading(place, disk, written):
     require(not missing, f"libfshfs does not show {missing}")
 
 
+def check_our_reading(place, disk, written):
+    """Our own reader gives back what the kernel wrote. Dates of folders are the moment at which they were filled."""
+    out = place.scratch / "given back"
+    paths = ["made here", "links", "names", *(f"sizes/{name}" for name in (0, 1, 4095, 4096, 4097, 65536, 1_000_003))]
+    out.mkdir()
+    run(place.tool("hdiutil"), "extract", "-to", out, disk, *paths)
+    found = composed(place.list_here(out))
+    expected = {path: facts for path, facts in written.items()
+                if path in paths or path.startswith(("made here/", "links/", "names/"))}
+    found.pop("sizes", None)
+    require_same(found, expected, "what the kernel wrote, as hdiutil extracts it")
+
+
 def check(place):
     folding, binary = place.scratch / "folding", place.scratch / "binary"
     make_tree(str(folding), 1)
@@ -186,4 +199,5 @@ def check(place):
         machine.pull(name.upper())
         if written:
             check_others_reading(place, disk, written)
+            check_our_reading(place, disk, written)
     return f"{count} items read as they were, the kernel's own writes read back"
