@@ -14,7 +14,7 @@ bool isFileName(std::string_view name) {
 }
 
 // Characters that a file's name cannot have give way to ':' and to the picture of U+0000.
-std::string readable(std::string name) {
+std::string readable(std::string_view name) {
   std::string made;
   for (const char c : name) {
     if (c == '\0')
