@@ -48,6 +48,8 @@ base::Result<void> eraseByService(const tools::Erasure& erasure, const os::Disk&
   auto service = UDisks::connect();
   if (!service) return service.error();
   if (erasure.fileSystem == image::FileSystem::FAT32 && disk.bytes >= kAlwaysFAT32) {
+    const auto now = os::findDisk(disk.device);
+    if (!now || now->sequence != disk.sequence) return base::Error{disk.device + " is another disk by now"};
     const auto version = service->formatFAT(disk.device, erasure.name);
     if (!version) return version.error();
     if (*version != "FAT32") return base::Error{"the disk service made " + *version + " of " + disk.device};

@@ -1,5 +1,6 @@
 #include "image/os/program.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <fcntl.h>

@@ -49,7 +49,7 @@ def check(place):
     require_same(contents(composed(place.list_in_guest(mounted))), contents(composed(place.list_here(source))),
                  "the stick, mounted")
     machine.sh(machine.as_person(f"{tool} create -fs HFS+ -volname KINGSTICK -srcfolder {mounted} -plist stick.dmg && "
-                                 f"{tool} verify stick.dmg"))
+                                 f"{tool} verify stick.dmg && {tool} compare stick.dmg {mounted}"))
     machine.sh("cp /home/person/stick.dmg /host/")
     machine.sh(machine.as_person(f"udisksctl unmount --no-user-interaction -b {device}1"))
     machine.pull("KING0001")
@@ -59,5 +59,9 @@ def check(place):
     extracted = contents(composed(place.list_here(out / "KINGSTICK")))
     require_same(extracted, contents(composed(place.list_here(source))), "the image, extracted by 7-Zip")
     require(len(extracted) > len(NAMES), "no folders were compared")
+    given_back = place.scratch / "given back"
+    given_back.mkdir()
+    run(place.tool("hdiutil"), "extract", "-to", given_back, place.share / "stick.dmg")
+    require_same(contents(composed(place.list_here(given_back))), extracted, "the image, extracted by ourselves")
     shutil.rmtree(out)
     return f"{len(extracted)} items went from the stick into an image and out again"
