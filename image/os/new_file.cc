@@ -9,6 +9,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <utility>
 
 #include "image/os/posix_error.h"
@@ -16,7 +17,8 @@
 namespace image::os {
 namespace {
 
-constexpr mode_t kFileMode = 0666;
+// What people keep is nobody else's to read.
+constexpr mode_t kFileMode = 0600;
 
 struct PathParts {
   std::string folder;
@@ -40,22 +42,29 @@ struct CloseFolder {
   void operator()(DIR* folder) const { ::closedir(folder); }
 };
 
+// ".NAME.PROCESS-ATTEMPT.unfinished".
+bool isHiddenName(std::string_view name) {
+  if (!name.starts_with('.') || !name.ends_with(kHiddenSuffix)) return false;
+  name.remove_suffix(kHiddenSuffix.size());
+  const auto dot = name.rfind('.');
+  const std::string_view number = name.substr(dot + 1);
+  return dot > 1 && number.find_first_not_of("0123456789-") == std::string_view::npos &&
+         number.find('-') != std::string_view::npos;
+}
+
 // A hidden file of this name that nobody holds a lock on was left by a process that is no more.
 void removeIfAbandoned(int folder, const char* name) {
   FileDescriptor file(::openat(folder, name, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   if (file && ::flock(file.number(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(folder, name, 0);
 }
 
-void removeAbandoned(int folder, std::string_view finalName) {
-  const std::string prefix = hiddenPrefix(finalName);
+void removeAbandoned(int folder) {
   FileDescriptor own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseFolder> entries(own ? ::fdopendir(own.number()) : nullptr);
   if (!entries) return;
   own.release();
-  while (const dirent* entry = ::readdir(entries.get())) {
-    const std::string_view name = entry->d_name;
-    if (name.starts_with(prefix) && name.ends_with(kHiddenSuffix)) removeIfAbandoned(folder, entry->d_name);
-  }
+  while (const dirent* entry = ::readdir(entries.get()))
+    if (isHiddenName(entry->d_name)) removeIfAbandoned(folder, entry->d_name);
 }
 
 struct OpenedFile {
@@ -63,7 +72,13 @@ struct OpenedFile {
   std::string hiddenName;
 };
 
-// Locked for as long as it is open, which tells it from an abandoned one.
+bool hasName(int file) {
+  struct stat status {};
+  return ::fstat(file, &status) == 0 && status.st_nlink != 0;
+}
+
+// Locked for as long as it is open, which tells it from an abandoned one. Another run may have taken it for
+// one before the lock was there.
 base::Result<OpenedFile> openHidden(int folder, const std::string& name, const std::string& path) {
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string hidden = hiddenPrefix(name) + std::to_string(::getpid()) + "-" + std::to_string(attempt);
@@ -71,7 +86,8 @@ base::Result<OpenedFile> openHidden(int folder, const std::string& name, const s
     FileDescriptor file(::openat(folder, hidden.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (!file && errno == EEXIST) continue;
     if (!file) return posixError("cannot create", path, errno);
-    ::flock(file.number(), LOCK_EX | LOCK_NB);
+    ::flock(file.number(), LOCK_EX);
+    if (!hasName(file.number())) continue;
     return OpenedFile{std::move(file), std::move(hidden)};
   }
   return posixError("cannot create", path, EEXIST);
@@ -127,9 +143,9 @@ base::Result<std::unique_ptr<NewFile>> NewFile::create(const std::string& path) 
   const auto [folderPath, name] = splitPath(path);
   FileDescriptor folder(::open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder) return posixError("cannot create " + path + ": cannot open the folder", folderPath, errno);
+  removeAbandoned(folder.number());
   struct stat status {};
   if (::fstatat(folder.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return existsError(path);
-  removeAbandoned(folder.number(), name);
   auto opened = openUnfinished(folder.number(), name, path);
   if (!opened) return opened.error();
   return std::unique_ptr<NewFile>(
@@ -149,6 +165,20 @@ void NewFile::reserve(std::uint64_t end) {
   if (end <= reserved_) return;
   const std::uint64_t from = std::exchange(reserved_, (end + kStep - 1) / kStep * kStep);
   ::fallocate(file_.number(), 0, static_cast<off_t>(from), static_cast<off_t>(reserved_ - from));
+}
+
+std::string NewFile::folder() const { return splitPath(path_).folder; }
+
+std::optional<std::uint64_t> NewFile::freeBytes() const {
+  struct statvfs status {};
+  if (::fstatvfs(folder_.number(), &status) != 0 || status.f_blocks == 0) return std::nullopt;
+  return std::uint64_t{status.f_bavail} * status.f_frsize;
+}
+
+void NewFile::reserveWhole(std::uint64_t bytes) {
+  base::MutexLock lock(mutex_);
+  if (::fallocate(file_.number(), 0, 0, static_cast<off_t>(bytes)) == 0)
+    reserved_ = std::max(reserved_, bytes);
 }
 
 // What is aligned goes to the disk at once and does not pass through the page cache.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/mutex.h"
@@ -15,7 +16,8 @@ namespace image::os {
 
 // A file that appears under its name only when it is whole. Until then it has no name at all, or, where the
 // file system cannot do that, a hidden one in the same folder, which is removed when the NewFile goes away;
-// what a killed process left there is removed by the next create() for the same name.
+// what killed processes left in a folder is removed by the next create() there, also one that is refused.
+// Only its owner may read or write it.
 class NewFile : public block::Output {
  public:
   // Refuses a path where something exists already.
@@ -24,6 +26,13 @@ class NewFile : public block::Output {
 
   base::Result<void> write(std::uint64_t offset, std::span<std::byte> bytes) override;
   std::unique_ptr<base::RandomAccess> readBack() const override;
+  // Where it is being made, for messages.
+  std::string folder() const;
+  // What the file system there has left for its user; nullopt where it does not say.
+  std::optional<std::uint64_t> freeBytes() const;
+  // Takes the space of so many bytes at once, where the file system can; what is not written is given back by
+  // sync().
+  void reserveWhole(std::uint64_t bytes);
   // Forgets what was written.
   base::Result<void> clear();
   // Makes what was written durable.

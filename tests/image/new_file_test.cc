@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <vector>
 
 #include "tests/tools/scratch_folder.h"
@@ -81,11 +82,38 @@ TEST_F(NewFileTest, readsBackAnyPieceOfWhatWasWritten) {
   EXPECT_FALSE(contents->read(text.size() - 1, std::as_writable_bytes(std::span(beyond))));
 }
 
-TEST_F(NewFileTest, removesWhatAKilledRunLeftForTheSameName) {
+TEST_F(NewFileTest, removesWhatKilledRunsLeftInTheFolder) {
   scratch.write(".image.dmg.4711-0.unfinished", "half");
-  scratch.write(".other.dmg.4711-0.unfinished", "somebody else's");
+  scratch.write(".other.dmg.4711-12.unfinished", "half");
+  for (const char* name : {".notes.unfinished", ".a.b-c.unfinished", "image.dmg.1-0.unfinished"})
+    scratch.write(name, "somebody else's");
   ASSERT_TRUE(NewFile::create(path));
-  EXPECT_THAT(names(), ElementsAre(".other.dmg.4711-0.unfinished"));
+  EXPECT_THAT(names(), ElementsAre(".a.b-c.unfinished", ".notes.unfinished", "image.dmg.1-0.unfinished"));
+}
+
+TEST_F(NewFileTest, removesWhatAKilledRunLeftThoughTheNameIsTaken) {
+  scratch.write(".image.dmg.4711-0.unfinished", "half");
+  scratch.write("image.dmg", "whole");
+  EXPECT_FALSE(NewFile::create(path));
+  EXPECT_THAT(names(), ElementsAre("image.dmg"));
+}
+
+TEST_F(NewFileTest, givesBackTheSpaceThatItDidNotNeed) {
+  auto file = *NewFile::create(path);
+  file->reserveWhole(16 << 20);
+  put(*file, 0, "abc");
+  ASSERT_TRUE(file->sync());
+  ASSERT_TRUE(file->publish());
+  EXPECT_EQ(readFile(path), "abc");
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_LE(status.st_blocks * 512, 65'536);
+}
+
+TEST_F(NewFileTest, isForItsOwnerOnly) {
+  auto file = *NewFile::create(path);
+  ASSERT_TRUE(file->publish());
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(NewFileTest, leavesAFileAloneThatARunningToolHolds) {
