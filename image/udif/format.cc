@@ -26,14 +26,16 @@ void putChecksum(std::optional<std::uint32_t> sum, base::ByteWriter& out) {
       .zeros(kChecksumBytes - 4);
 }
 
-// False for a sum of a kind that the format does not have.
+// False for a sum of a kind that the format does not have, and for one of no kind that has a size or value
+// all the same: it lost its kind.
 bool getChecksum(base::ByteReader& in, std::optional<std::uint32_t>& sum) {
   const auto type = in.get<std::uint32_t>();
   const auto bits = in.get<std::uint32_t>();
   const auto value = in.get<std::uint32_t>();
   in.skip(kChecksumBytes - 4);
   if (type == kCRC32Checksum) sum = value;
-  return type == kNoChecksum || (type == kCRC32Checksum && bits == 32);
+  if (type == kNoChecksum) return bits == 0 && value == 0;
+  return type == kCRC32Checksum && bits == 32;
 }
 
 void putRun(const Run& run, base::ByteWriter& out) {
@@ -144,7 +146,8 @@ base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> by
   const bool tablesSummed = getChecksum(in, trailer.masterChecksum);
   trailer.variant = in.get<std::uint32_t>();
   trailer.sectorCount = in.get<std::uint64_t>();
-  if (!dataSummed || !tablesSummed) return base::Error{"its trailer has a checksum of an unknown kind"};
+  if (!dataSummed || !tablesSummed)
+    return base::Error{"a checksum of its trailer is damaged, or of an unknown kind"};
   return trailer;
 }
 
