@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/byte_order.h"
+#include "base/byte_text.h"
 #include "image/block/partitioned_disk.h"
 #include "image/hfs/volume.h"
 #include "image/open.h"
@@ -104,40 +105,66 @@ class Creation {
     counts_ = {(*volume)->fileCount(), (*volume)->folderCount()};
     tell("writing " + std::to_string(counts_.files) + " files and " + std::to_string(counts_.folders) +
          " folders, " + std::to_string((*volume)->size()) + " bytes");
-    auto written = request_.encryption ? writeEncrypted(**volume, file) : write(**volume, file);
+    auto written = request_.encryption ? writeEncrypted(**volume, file) : write(**volume, file, file);
     if (!written) return written.error();
     tell("syncing " + request_.image);
     if (auto synced = file.sync(); !synced) return synced.error();
     return CreateReport{.imageBytes = *written, .files = counts_.files, .folders = counts_.folders};
   }
 
-  base::Result<std::uint64_t> write(const hfs::Volume& volume, block::Output& output) {
+  std::optional<codec::Compression> compression() const {
+    if (request_.format == Format::raw) return std::nullopt;
+    return request_.format == Format::bzip2 ? codec::Compression::bzip2 : codec::Compression::zlib;
+  }
+
+  base::Result<std::uint64_t> write(const hfs::Volume& volume, block::Output& output, os::NewFile& file) {
     const block::PartitionedDisk disk(volume, randomGUID(), randomGUID());
     readBack_.clear();
-    return udif::writeImage(disk, disk.regions(), output,
-                            {.compresses = request_.format == Format::zlib,
-                             .workers = workers(),
-                             .segmentID = randomGUID(),
-                             .cancelled = request_.cancelled,
-                             .progress = request_.progress,
-                             .readBack = request_.verifies ? &readBack_ : nullptr,
-                             .name = request_.image});
+    const udif::WriteOptions options{.compression = compression(),
+                                     .level = request_.level,
+                                     .workers = workers(),
+                                     .segmentID = randomGUID(),
+                                     .cancelled = request_.cancelled,
+                                     .progress = request_.progress,
+                                     .readBack = request_.verifies ? &readBack_ : nullptr,
+                                     .name = request_.image};
+    if (auto room = takeRoom(disk, file, options); !room) return room.error();
+    return udif::writeImage(disk, disk.regions(), output, options);
+  }
+
+  // Where the disk's bytes fit as they are, nothing needs to be known beforehand. Otherwise what will surely
+  // not fit is refused before hours are spent on it, and what will is given its room at once.
+  base::Result<void> takeRoom(const block::PartitionedDisk& disk, os::NewFile& file,
+                              const udif::WriteOptions& options) {
+    constexpr std::uint64_t kAround = 1 << 20;  // the container's header, tables, trailer
+    constexpr double kClearly = 1.2;
+    const auto free = file.freeBytes();
+    if (!free || disk.size() + kAround <= *free) return {};
+    tell("estimating how large " + request_.image + " will be");
+    auto estimate = udif::estimateLength(disk, disk.regions(), options);
+    if (!estimate) return estimate.error();
+    const auto needed = static_cast<double>(estimate->likely);
+    if (estimate->least > *free && needed > kClearly * static_cast<double>(*free))
+      return base::Error{file.folder() + ": not enough free space: about " + base::byteText(needed) +
+                         " needed, " + base::byteText(static_cast<double>(*free)) + " free"};
+    file.reserveWhole(estimate->likely);
+    return {};
   }
 
   // The password's key is derived while the data is written: both take their time.
-  base::Result<std::uint64_t> writeEncrypted(const hfs::Volume& volume, block::Output& output) {
+  base::Result<std::uint64_t> writeEncrypted(const hfs::Volume& volume, os::NewFile& file) {
     const Encryption& encryption = *request_.encryption;
     keys_ = crypt::ContainerKeys::random(encryption.method, os::fillRandom);
     auto wrapping = std::async(std::launch::async, [&] {
       return crypt::ContainerHeader::wrap(*keys_, encryption.password, crypt::iterationsFor(kUnlockSeconds),
                                           os::fillRandom);
     });
-    udif::EncryptedOutput encrypted(*keys_, output);
-    const auto written = write(volume, encrypted);
+    udif::EncryptedOutput encrypted(*keys_, file);
+    const auto written = write(volume, encrypted, file);
     header_ = {.method = encryption.method, .dataBytes = written ? *written : 0, .keyEntry = wrapping.get()};
     if (!written) return written;
     auto head = header_.encode(randomGUID());
-    if (auto put = output.write(0, head); !put) return put.error();
+    if (auto put = file.write(0, head); !put) return put.error();
     return head.size() + *written;
   }
 

@@ -15,7 +15,7 @@
 
 namespace image {
 
-enum class Format { zlib, raw };
+enum class Format { zlib, bzip2, raw };
 
 struct Encryption {
   crypt::Method method = crypt::Method::aes256;
@@ -29,6 +29,8 @@ struct CreateRequest {
   // The new file; nothing may exist there.
   std::string image;
   Format format = Format::zlib;
+  // Of Format::zlib: from 1, which is fast, to 9, which is small.
+  int level = codec::ZlibCompressor::kFastest;
   std::optional<Encryption> encryption{};
   // Leaves out what cannot be read and reports it, instead of failing.
   bool skipsUnreadable = false;

@@ -9,7 +9,8 @@
 namespace tools {
 
 const std::string_view kCreateUsage =
-    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDRO]\n"
+    "usage: hdiutil create -fs HFS+ -volname NAME -srcfolder FOLDER [-format UDZO|UDBZ|UDRO]\n"
+    "                      [-imagekey zlib-level=1..9]\n"
     "                      [-encryption AES-128|AES-256 -stdinpass] [-skipunreadable] [-puppetstrings] "
     "[-plist]\n"
     "                      [-verbose] IMAGE\n";
@@ -22,6 +23,23 @@ std::string lastComponent(std::string path) {
   return path.substr(path.rfind('/') + 1);
 }
 
+std::optional<image::Format> formatNamed(std::string_view name) {
+  if (name == "UDZO") return image::Format::zlib;
+  if (name == "UDBZ") return image::Format::bzip2;
+  if (name == "UDRO") return image::Format::raw;
+  return std::nullopt;
+}
+
+// From "zlib-level=N", the one key there is.
+base::Result<int> levelOf(const std::string& imageKey) {
+  constexpr std::string_view kKey = "zlib-level=";
+  if (!imageKey.starts_with(kKey)) return base::Error{"unknown image key " + imageKey};
+  const std::string value = imageKey.substr(kKey.size());
+  if (value.size() != 1 || value < "1" || value > "9")
+    return base::Error{"zlib-level is a number from 1 to 9, not \"" + value + "\""};
+  return value.front() - '0';
+}
+
 base::Result<image::CreateRequest> createRequest(const Arguments& arguments) {
   const auto source = arguments.value("-srcfolder");
   if (!source || source->empty()) return base::Error{"-srcfolder is missing"};
@@ -29,12 +47,18 @@ base::Result<image::CreateRequest> createRequest(const Arguments& arguments) {
     return base::Error{"one image path is needed"};
   if (arguments.value("-fs").value_or("HFS+") != "HFS+")
     return base::Error{"unknown file system " + *arguments.value("-fs")};
-  const std::string format = arguments.value("-format").value_or("UDZO");
-  if (format != "UDZO" && format != "UDRO") return base::Error{"unknown format " + format};
+  const std::string name = arguments.value("-format").value_or("UDZO");
+  const auto format = formatNamed(name);
+  if (!format) return base::Error{"unknown format " + name};
+  const auto level = levelOf(arguments.value("-imagekey").value_or("zlib-level=1"));
+  if (!level) return level.error();
+  if (arguments.has("-imagekey") && *format != image::Format::zlib)
+    return base::Error{"zlib-level is for the format UDZO, not " + name};
   return image::CreateRequest{.source = *source,
                               .volumeName = arguments.value("-volname").value_or(lastComponent(*source)),
                               .image = arguments.operands()[0],
-                              .format = format == "UDZO" ? image::Format::zlib : image::Format::raw};
+                              .format = *format,
+                              .level = *level};
 }
 
 void reportCreated(const std::string& path, bool asPropertyList, std::ostream& out) {
@@ -76,7 +100,7 @@ std::unique_ptr<ProgressDisplay> progressDisplay(const Arguments& arguments,
 int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   const auto arguments =
       Arguments::parse(given, 1,
-                       {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-encryption"},
+                       {.withValue = {"-fs", "-volname", "-srcfolder", "-format", "-imagekey", "-encryption"},
                         .alone = {"-plist", "-verbose", "-stdinpass", "-skipunreadable", "-puppetstrings"}});
   if (!arguments) return fail(host, "create", arguments.error().message, kNotUnderstood);
   auto request = createRequest(*arguments);

@@ -78,7 +78,10 @@ int verify(const std::vector<std::string>& given, const HdiutilHost& host) {
   if (!counts) return fail(host, "verify", counts.error().message);
   const std::string& path = arguments->operands()[0];
   host.error << "hdiutil: verify: checksum of \"" << path << "\" is VALID\n";
-  if (arguments->has("-verbose"))
+  if ((*image)->udif() == nullptr) host.error << "hdiutil: verify: it has no checksums of its own\n";
+  if (!(*image)->hfsPlusVolume())
+    host.error << "hdiutil: verify: no HFS+ volume in it, nothing but checksums was checked\n";
+  else if (arguments->has("-verbose"))
     host.error << "hdiutil: verify: " << counts->files << " files and " << counts->folders
                << " folders are sound\n";
   return kDone;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <ostream>
 
+#include "base/byte_text.h"
+
 namespace tools {
 namespace {
 
@@ -22,14 +24,6 @@ std::string formatted(const char* format, Arguments... arguments) {
   return {text.data(), static_cast<std::size_t>(std::clamp(length, 0, static_cast<int>(text.size()) - 1))};
 }
 
-std::string byteText(double bytes) {
-  const std::array<const char*, 4> units{"KB", "MB", "GB", "TB"};
-  std::size_t unit = 0;
-  double value = bytes / 1000;
-  for (; value >= 1000 && unit + 1 < units.size(); ++unit) value /= 1000;
-  return formatted(value < 10 ? "%.1f %s" : "%.0f %s", value, units[unit]);
-}
-
 }  // namespace
 
 std::string percentLine(const ProgressMoment& moment) {
@@ -44,7 +38,7 @@ std::string barText(const ProgressMoment& moment) {
   const auto filled = static_cast<std::size_t>(fraction * kWidth);
   std::string text = formatted("%3d%%  [", static_cast<int>(100 * fraction));
   text += std::string(filled, '#') + std::string(kWidth - filled, ' ') + "]  ";
-  text += byteText(bytes) + "  " + byteText(bytes / seconds) + "/s";
+  text += base::byteText(bytes) + "  " + base::byteText(bytes / seconds) + "/s";
   if (moment.sectorsDone == 0) return text;
   const auto left = static_cast<long>(seconds / fraction - seconds);
   return text + formatted("  %ld:%02ld left", left / 60, left % 60);

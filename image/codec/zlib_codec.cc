@@ -68,6 +68,8 @@ class StreamOfParts {
     if (!fits_) return;
     isal_zstream stream;
     isal_deflate_stateless_init(&stream);
+    // The library leaves the window's size as it finds it; 0: the largest.
+    stream.hist_bits = 0;
     stream.level = kLevel;
     stream.level_buf = levelBuffer_.data();
     stream.level_buf_size = static_cast<std::uint32_t>(levelBuffer_.size());
@@ -142,9 +144,12 @@ struct ZlibCompressor::State {
   std::vector<std::uint8_t> levelBuffer;
 };
 
-ZlibCompressor::ZlibCompressor(Effort effort) : state_(std::make_unique<State>()) {
-  if (effort == Effort::small)
-    state_->slow.reset(libdeflate_alloc_compressor(6));
+ZlibCompressor::ZlibCompressor(int level) : state_(std::make_unique<State>()) {
+  constexpr int kLastOfISAL = 2;
+  // The library's own levels go on to 12.
+  constexpr int kSmallestOfLibdeflate = 12;
+  if (level > kLastOfISAL)
+    state_->slow.reset(libdeflate_alloc_compressor(level == kSmallest ? kSmallestOfLibdeflate : level));
   else
     state_->levelBuffer.resize(StreamOfParts::kLevelBufferBytes);
 }

@@ -5,20 +5,22 @@
 #include <memory>
 #include <span>
 
+#include "image/codec/compressor.h"
+
 namespace image::codec {
 
-// How much time to spend on a smaller result. `fast` is one ISA-L pass over what
-// does not look like noise, and runs on processors without vectors too; `small` is libdeflate's level 6.
-enum class Effort { fast, small };
-
-// Makes zlib streams (RFC 1950). One thread at a time; keeps its working memory between calls.
-class ZlibCompressor {
+// Makes zlib streams (RFC 1950).
+class ZlibCompressor : public Compressor {
  public:
-  explicit ZlibCompressor(Effort effort);
-  ~ZlibCompressor();
+  static constexpr int kFastest = 1;
+  static constexpr int kSmallest = 9;
 
-  // The stream's length, or 0 when it does not fit in `into`.
-  std::size_t compress(std::span<const std::byte> from, std::span<std::byte> into);
+  // Level: kFastest to kSmallest, slower and smaller. The first two are one ISA-L pass over what does not
+  // look like noise, and run on processors without vectors too; the others are libdeflate's.
+  explicit ZlibCompressor(int level);
+  ~ZlibCompressor() override;
+
+  std::size_t compress(std::span<const std::byte> from, std::span<std::byte> into) override;
 
  private:
   struct State;

@@ -68,6 +68,9 @@ struct FileIdentity {
   std::uint64_t number;
   friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
+FileIdentity identityOf(const struct statx& status) {
+  return {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+}
 struct HashIdentity {
   std::size_t operator()(const FileIdentity& id) const {
     return id.number * 0x9E3779B97F4A7C15ull ^ id.device;
@@ -77,11 +80,12 @@ struct HashIdentity {
 // Walks the source folder by folder and grows the tree.
 class Scanner {
  public:
-  Scanner(int root, const std::string& rootPath, hfs::Tree tree, const ScanOptions& options)
-      : scan_{.tree = std::move(tree), .leftOut = {}},
+  Scanner(int root, const std::string& rootPath, const struct statx& status, const ScanOptions& options)
+      : scan_{.tree = hfs::Tree(itemOf(options.volumeName, status)), .leftOut = {}},
         path_(scan_.tree, root, rootPath),
         root_(root),
-        options_(options) {}
+        options_(options),
+        folders_{{hfs::kRootNode, identityOf(status)}} {}
 
   base::Result<Scan> run() {
     attributes_.enter(root_);
@@ -141,14 +145,29 @@ class Scanner {
       if (!length) return length.error();
       item.size = *length;
     }
+    if (S_ISDIR(status.stx_mode))
+      if (auto apart = checkNotInItself(folder, identityOf(status), text); !apart) return apart;
     auto added = addItem(folder, item, status);
     if (!added) return base::Error{"cannot store " + text() + ": " + added.error().message};
+    if (S_ISDIR(status.stx_mode)) folders_.emplace_back(*added, identityOf(status));
     if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 && S_ISDIR(status.stx_mode)) {
       mountPoints_.insert(*added);
       scan_.leftOut.push_back(text() + ": another volume is mounted there");
       return {};
     }
     return hasAttributes_ ? addAttributes(*added, attributes_.of(name), text) : base::Result<void>();
+  }
+
+  // A folder that is one of those it lies in would have no end: a mount that does not show as one, or a
+  // damaged file system.
+  base::Result<void> checkNotInItself(hfs::NodeIndex parent, const FileIdentity& id,
+                                      const std::function<std::string()>& text) const {
+    for (hfs::NodeIndex at = parent;; at = scan_.tree.nodes()[at].parent) {
+      if (std::ranges::lower_bound(folders_, at, {}, &Folder::first)->second == id)
+        return base::Error{"cannot store " + text() + ": the folder is the same as " + path_.textOf(at) +
+                           ", which it lies in"};
+      if (at == hfs::kRootNode) return {};
+    }
   }
 
   base::Result<void> addAttributes(hfs::NodeIndex node,
@@ -168,13 +187,15 @@ class Scanner {
   base::Result<hfs::NodeIndex> addItem(hfs::NodeIndex folder, const hfs::Item& item,
                                        const struct statx& status) {
     if (!S_ISREG(status.stx_mode) || status.stx_nlink < 2) return scan_.tree.add(folder, item);
-    const FileIdentity id{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+    const FileIdentity id = identityOf(status);
     if (const auto known = linked_.find(id); known != linked_.end())
       return scan_.tree.addLink(folder, item.name, known->second);
     auto added = scan_.tree.add(folder, item);
     if (added) linked_.emplace(id, *added);
     return added;
   }
+
+  using Folder = std::pair<hfs::NodeIndex, FileIdentity>;
 
   Scan scan_;
   SourcePath path_;
@@ -184,6 +205,8 @@ class Scanner {
   // File systems of most sticks have none, and need not be asked about each file.
   bool hasAttributes_ = false;
   std::set<hfs::NodeIndex> mountPoints_;
+  // All folders in the tree, by their nodes.
+  std::vector<Folder> folders_;
   // Files with several names, by the first that was found.
   std::unordered_map<FileIdentity, hfs::NodeIndex, HashIdentity> linked_;
 };
@@ -307,12 +330,7 @@ base::Result<Scan> SourceFolder::scan(const ScanOptions& options) const {
   if (::statx(root_.number(), "", AT_EMPTY_PATH, kStatusMask, &status) != 0)
     return posixError("cannot look at", path_, errno);
   // In a thread of its own, whose working directory nobody else needs.
-  return std::async(std::launch::async,
-                    [&] {
-                      return Scanner(root_.number(), path_, hfs::Tree(itemOf(options.volumeName, status)),
-                                     options)
-                          .run();
-                    })
+  return std::async(std::launch::async, [&] { return Scanner(root_.number(), path_, status, options).run(); })
       .get();
 }
 

@@ -1,6 +1,7 @@
 #include "image/udif/writer.h"
 
 #include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <memory>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "base/mutex.h"
 #include "base/xml_property_list.h"
 #include "image/block/zeros.h"
+#include "image/codec/bzip2_compressor.h"
 #include "image/codec/checksum.h"
 #include "image/udif/aligned_appender.h"
 #include "image/udif/format.h"
@@ -24,6 +26,15 @@ constexpr std::size_t kChunkBytes = kChunkSectors * block::kSectorBytes;
 constexpr std::uint32_t kBuffersNeeded = 2056;
 // A chunk that shrinks by less than this part is stored as it is: reading it back is then free.
 constexpr std::size_t kLeastGain = 64;
+
+std::unique_ptr<codec::Compressor> makeCompressor(const WriteOptions& options) {
+  if (options.compression == codec::Compression::bzip2) return std::make_unique<codec::Bzip2Compressor>();
+  return std::make_unique<codec::ZlibCompressor>(options.level);
+}
+
+RunType compressedType(const WriteOptions& options) {
+  return options.compression == codec::Compression::bzip2 ? RunType::bzip2 : RunType::zlib;
+}
 
 struct Chunk {
   std::size_t region = 0;
@@ -246,54 +257,114 @@ class Assembly {
   std::optional<ReadBack> readBack_;
 };
 
-// One thread's work: read a chunk, sum it, make it smaller, hand it in.
-class Worker {
+// Reads chunks, sums them and makes them smaller. One thread at a time.
+class ChunkMaker {
  public:
-  Worker(const block::Content& disk, const ChunkList& chunks, Assembly& assembly, const WriteOptions& options)
-      : disk_(disk), chunks_(chunks), assembly_(assembly), options_(options) {}
+  ChunkMaker(const block::Content& disk, const ChunkList& chunks, const WriteOptions& options)
+      : chunks_(chunks),
+        reader_(disk.openReader()),
+        compressor_(makeCompressor(options)),
+        compresses_(options.compression.has_value()),
+        compressedType_(compressedType(options)) {}
 
-  void run() {
-    const auto reader = disk_.openReader();
-    codec::ZlibCompressor compressor(options_.effort);
-    auto plain = std::make_unique<Piece>(kChunkBytes);
-    while (auto claim = assembly_.claim()) {
-      const Chunk chunk = chunks_[claim->index];
-      const auto bytes = plain->space().first(chunk.sectorCount * block::kSectorBytes);
-      auto filled = reader->read(chunks_.diskSector(chunk) * block::kSectorBytes, bytes);
-      if (!filled) return assembly_.fail(filled.error());
-      if (*filled == block::Filled::zeros || block::allZeros(bytes)) {
-        assembly_.submit(claim->index, {.chunk = chunk, .plain = codec::CRC32::ofZeros(bytes.size())},
-                         std::move(claim->piece));
-        continue;
-      }
-      assembly_.submit(claim->index, store(chunk, plain, std::move(claim->piece), compressor), nullptr);
-    }
+  // Takes `memory` unless the chunk is all zeros.
+  base::Result<StoredChunk> make(std::uint64_t index, std::unique_ptr<Piece>& memory) {
+    const Chunk chunk = chunks_[index];
+    const auto bytes = plain_->space().first(chunk.sectorCount * block::kSectorBytes);
+    auto filled = reader_->read(chunks_.diskSector(chunk) * block::kSectorBytes, bytes);
+    if (!filled) return filled.error();
+    if (*filled == block::Filled::zeros || block::allZeros(bytes))
+      return StoredChunk{.chunk = chunk, .plain = codec::CRC32::ofZeros(bytes.size())};
+    return store(chunk, std::move(memory));
   }
 
  private:
-  // Takes either `target` with the compressed bytes, or `plain` itself, which `target` then replaces.
-  StoredChunk store(const Chunk& chunk, std::unique_ptr<Piece>& plain, std::unique_ptr<Piece> target,
-                    codec::ZlibCompressor& compressor) const {
-    const auto bytes = plain->space().first(chunk.sectorCount * block::kSectorBytes);
+  // Takes either `target` with the compressed bytes, or the plain ones, whose memory `target` then replaces.
+  StoredChunk store(const Chunk& chunk, std::unique_ptr<Piece> target) {
+    const auto bytes = plain_->space().first(chunk.sectorCount * block::kSectorBytes);
     const auto sum = codec::CRC32::of(bytes);
-    if (options_.compresses && codec::looksCompressible(bytes)) {
+    if (compresses_ && codec::looksCompressible(bytes)) {
       const auto size =
-          compressor.compress(bytes, target->space().first(bytes.size() - bytes.size() / kLeastGain));
+          compressor_->compress(bytes, target->space().first(bytes.size() - bytes.size() / kLeastGain));
       if (size != 0) {
         target->setSize(size);
         const auto stored = codec::CRC32::of(target->content());
-        return {chunk, RunType::zlib, sum, stored, std::move(target)};
+        return {chunk, compressedType_, sum, stored, std::move(target)};
       }
     }
-    plain->setSize(bytes.size());
-    std::swap(plain, target);
+    plain_->setSize(bytes.size());
+    std::swap(plain_, target);
     return {chunk, RunType::raw, sum, sum, std::move(target)};
   }
 
-  const block::Content& disk_;
   const ChunkList& chunks_;
-  Assembly& assembly_;
+  std::unique_ptr<block::ContentReader> reader_;
+  std::unique_ptr<codec::Compressor> compressor_;
+  bool compresses_;
+  RunType compressedType_;
+  std::unique_ptr<Piece> plain_ = std::make_unique<Piece>(kChunkBytes);
+};
+
+void work(ChunkMaker maker, Assembly& assembly) {
+  while (auto claim = assembly.claim()) {
+    auto made = maker.make(claim->index, claim->piece);
+    if (!made) return assembly.fail(made.error());
+    assembly.submit(claim->index, *std::move(made), std::move(claim->piece));
+  }
+}
+
+// Every n-th chunk, made to see how long it becomes, in any number of threads.
+class Sampling {
+ public:
+  Sampling(const ChunkList& chunks, const WriteOptions& options)
+      : chunks_(chunks), options_(options), lengths_(std::min(kMostSamples, chunks.count())) {}
+
+  void work(ChunkMaker maker) {
+    auto memory = std::make_unique<Piece>(kChunkBytes);
+    for (std::size_t at = next_++; at < lengths_.size(); at = next_++) {
+      if (options_.cancelled != nullptr && *options_.cancelled) return fail({"it was interrupted"});
+      auto made = maker.make((at * chunks_.count() + chunks_.count() / 2) / lengths_.size(), memory);
+      if (!made) return fail(made.error());
+      lengths_[at] = static_cast<double>(made->stored.count());
+      if (made->piece) memory = std::move(made->piece);
+    }
+  }
+
+  // After all threads have ended.
+  base::Result<LengthEstimate> result() {
+    base::MutexLock lock(mutex_);
+    if (failure_) return *failure_;
+    const auto samples = static_cast<double>(lengths_.size());
+    const auto all = static_cast<double>(chunks_.count());
+    double sum = 0;
+    double squares = 0;
+    for (const double length : lengths_) {
+      sum += length;
+      squares += length * length;
+    }
+    const double mean = sum / samples;
+    const double variance = std::max(0.0, squares / samples - mean * mean);
+    // Three times the standard error of the mean; where every chunk is one there is nothing left to chance.
+    const double doubt = samples == all ? 0 : 3 * std::sqrt(variance / samples);
+    return LengthEstimate{.likely = static_cast<std::uint64_t>(mean * all),
+                          .least = static_cast<std::uint64_t>(std::max(0.0, mean - doubt) * all)};
+  }
+
+ private:
+  static constexpr std::uint64_t kMostSamples = 64;
+
+  void fail(base::Error error) {
+    base::MutexLock lock(mutex_);
+    if (!failure_) failure_ = std::move(error);
+    next_ = lengths_.size();
+  }
+
+  const ChunkList& chunks_;
   const WriteOptions& options_;
+  std::vector<double> lengths_;
+  std::atomic<std::size_t> next_ = 0;
+  base::Mutex mutex_;
+  std::optional<base::Error> failure_ GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -306,13 +377,26 @@ base::Result<std::uint64_t> writeImage(const block::Content& disk, const std::ve
     options.progress->sectorsDone = 0;
     options.progress->sectorsTotal = sectors;
   }
-  Assembly assembly(chunks, emptyTables(regions, options.compresses), output, options);
+  Assembly assembly(chunks, emptyTables(regions, options.compression.has_value()), output, options);
   {
     std::vector<std::jthread> threads;
     for (unsigned i = 0; i < options.workers; ++i)
-      threads.emplace_back([&] { Worker(disk, chunks, assembly, options).run(); });
+      threads.emplace_back([&] { work(ChunkMaker(disk, chunks, options), assembly); });
   }
   return assembly.finish(sectors);
+}
+
+base::Result<LengthEstimate> estimateLength(const block::Content& disk,
+                                            const std::vector<block::Region>& regions,
+                                            const WriteOptions& options) {
+  const ChunkList chunks(regions);
+  Sampling sampling(chunks, options);
+  {
+    std::vector<std::jthread> threads;
+    for (unsigned i = 0; i < options.workers; ++i)
+      threads.emplace_back([&] { sampling.work(ChunkMaker(disk, chunks, options)); });
+  }
+  return sampling.result();
 }
 
 }  // namespace image::udif

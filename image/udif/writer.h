@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "image/block/content.h"
 #include "image/block/output.h"
 #include "image/block/partitioned_disk.h"
+#include "image/codec/decompressor.h"
 #include "image/codec/zlib_codec.h"
 #include "image/udif/run_sums.h"
 
@@ -23,9 +25,10 @@ struct Progress {
 };
 
 struct WriteOptions {
-  // false: every chunk that is not all zeros is stored as it is.
-  bool compresses = true;
-  codec::Effort effort = codec::Effort::fast;
+  // Zlib or bzip2. nullopt: every chunk that is not all zeros is stored as it is.
+  std::optional<codec::Compression> compression = codec::Compression::zlib;
+  // Of zlib.
+  int level = codec::ZlibCompressor::kFastest;
   // At least 1.
   unsigned workers = 1;
   std::array<std::byte, 16> segmentID{};
@@ -44,5 +47,17 @@ struct WriteOptions {
 // length. Gives the image's length in bytes; the first thing that goes wrong ends it with that Error.
 base::Result<std::uint64_t> writeImage(const block::Content& disk, const std::vector<block::Region>& regions,
                                        block::Output& output, const WriteOptions& options);
+
+struct LengthEstimate {
+  std::uint64_t likely = 0;
+  // What it will hardly be below: one time in a thousand.
+  std::uint64_t least = 0;
+};
+
+// How many bytes writeImage() will store of the disk, from up to 64 chunks that are spread over it; exactly,
+// where it has no more. Leaves out the property list and the trailer.
+base::Result<LengthEstimate> estimateLength(const block::Content& disk,
+                                            const std::vector<block::Region>& regions,
+                                            const WriteOptions& options);
 
 }  // namespace image::udif

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 #include <random>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "image/codec/bzip2_compressor.h"
+#include "image/codec/bzip2_decompressor.h"
 #include "image/codec/checksum.h"
 #include "image/codec/zlib_codec.h"
 
@@ -44,7 +47,7 @@ TEST(CRC32, appendIsTheSumOfBoth) {
   }
 }
 
-class ZlibCodec : public testing::TestWithParam<Effort> {};
+class ZlibCodec : public testing::TestWithParam<int> {};
 
 TEST_P(ZlibCodec, givesBackWhatItMadeSmaller) {
   ZlibCompressor compressor(GetParam());
@@ -98,10 +101,36 @@ TEST_P(ZlibCodec, saysWhenTheRoomDoesNotDo) {
   EXPECT_EQ(compressor.compress(bytes, room), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Efforts, ZlibCodec, testing::Values(Effort::fast, Effort::small));
+INSTANTIATE_TEST_SUITE_P(Levels, ZlibCodec, testing::Values(1, 3, 6, 9));
+
+TEST(ZlibCompressor, makesLessOfItAtAHigherLevel) {
+  std::string numbers;
+  for (unsigned i = 0; i < 200'000; ++i) numbers += std::to_string(i * 7919 % 65'537) + " ";
+  const auto bytes = std::as_bytes(std::span(numbers));
+  std::vector<std::byte> room(bytes.size());
+  std::size_t last = bytes.size();
+  for (const int level : {1, 3, 9}) {
+    const auto size = ZlibCompressor(level).compress(bytes, room);
+    EXPECT_LT(size, last) << level;
+    last = size;
+  }
+}
+
+TEST(Bzip2Compressor, givesBackWhatItMadeSmaller) {
+  for (const std::size_t count : {512, 65'536, 1 << 20}) {
+    const auto bytes = text(count);
+    std::vector<std::byte> small(count);
+    small.resize(Bzip2Compressor().compress(bytes, small));
+    ASSERT_FALSE(small.empty());
+    std::vector<std::byte> back(count);
+    ASSERT_TRUE(Bzip2Decompressor().decompress(small, back));
+    EXPECT_EQ(back, bytes);
+    EXPECT_EQ(Bzip2Compressor().compress(bytes, std::span(back).first(small.size() - 1)), 0u);
+  }
+}
 
 TEST(ZlibDecompressor, refusesDamagedShortAndLongStreams) {
-  ZlibCompressor compressor(Effort::fast);
+  ZlibCompressor compressor(ZlibCompressor::kFastest);
   ZlibDecompressor decompressor;
   const auto bytes = text(4096);
   std::vector<std::byte> small(4096);

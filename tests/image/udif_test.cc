@@ -152,7 +152,7 @@ TEST(WriteImage, storesNoiseAsItIsAndZerosAsNothing) {
 TEST(WriteImage, withoutCompressionHasOnlyRawRunsAndZeros) {
   const MemoryDisk disk = makeDisk();
   MemoryOutput output;
-  ASSERT_TRUE(writeImage(disk, twoRegions(disk), output, {.compresses = false}));
+  ASSERT_TRUE(writeImage(disk, twoRegions(disk), output, {.compression = std::nullopt}));
   EXPECT_EQ(readBack(output.file), disk.bytes());
   for (const BlockTable& table : tablesOf(output.file)) {
     EXPECT_EQ(table.buffersNeeded, 0u);

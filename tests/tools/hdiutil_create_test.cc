@@ -252,6 +252,38 @@ TEST_F(HdiutilCreate, leavesRawWhatIsAskedRaw) {
   EXPECT_TRUE(contentsOf(unpack()) == contentsOf(source));
 }
 
+TEST_F(HdiutilCreate, compressesWithBzip2WhenAskedTo) {
+  std::string text;
+  for (int i = 0; i < 300'000; ++i) text += std::to_string(i) + " ";
+  write("text", text);
+  write("noise", noise(1'500'000, 4));
+  write("zeros", std::string(2'500'000, '\0'));
+  mustCreate();
+  const auto deflated = fs::file_size(image);
+  fs::remove(image);
+  mustCreate({"-format", "UDBZ"});
+  EXPECT_LT(fs::file_size(image), deflated);
+  expectSoundFor7Zip();
+  EXPECT_TRUE(contentsOf(unpack()) == contentsOf(source));
+  EXPECT_THAT(runHdiutil({"imageinfo", image}).out, HasSubstr("Format: UDBZ\n"));
+  EXPECT_THAT(runHdiutil({"verify", image}).error, HasSubstr("is VALID"));
+}
+
+TEST_F(HdiutilCreate, makesASmallerImageAtAHigherLevel) {
+  std::string text;
+  for (unsigned i = 0; i < 300'000; ++i) text += std::to_string(i * 7919 % 65'537) + " ";
+  write("text", text);
+  std::uintmax_t last = ~std::uintmax_t{0};
+  for (const char* level : {"1", "3", "9"}) {
+    mustCreate({"-imagekey", std::string("zlib-level=") + level});
+    EXPECT_LT(fs::file_size(image), last) << level;
+    last = fs::file_size(image);
+    expectSoundFor7Zip();
+    EXPECT_THAT(runHdiutil({"imageinfo", image}).out, HasSubstr("Format: UDZO\n"));
+    fs::remove(image);
+  }
+}
+
 TEST_F(HdiutilCreate, printsAPropertyListWhoseFirstStringIsThePath) {
   const auto run = create({"-plist"});
   EXPECT_EQ(run.status, 0);
@@ -395,7 +427,11 @@ TEST_F(HdiutilRefusal, answersWrongArgumentsWithStatus64) {
         {"create", "-srcfolder"},
         {"create", "-what", image},
         {"create", "-srcfolder", source, "-fs", "FAT32", image},
-        {"create", "-srcfolder", source, "-format", "UFBI", image}}) {
+        {"create", "-srcfolder", source, "-format", "UFBI", image},
+        {"create", "-srcfolder", source, "-imagekey", "zlib-level=0", image},
+        {"create", "-srcfolder", source, "-imagekey", "zlib-level=10", image},
+        {"create", "-srcfolder", source, "-imagekey", "diskimage-class=x", image},
+        {"create", "-srcfolder", source, "-format", "UDBZ", "-imagekey", "zlib-level=9", image}}) {
     const auto run = runHdiutil(arguments);
     EXPECT_EQ(run.status, 64);
     EXPECT_THAT(run.error, HasSubstr("hdiutil: create failed - "));
@@ -420,17 +456,42 @@ TEST_F(HdiutilRefusal, failsWhenTheFileMayNotGrow) {
   EXPECT_THAT(leftovers(), IsEmpty());
 }
 
-TEST_F(HdiutilRefusal, failsWhenTheDiskIsFull) {
+// On a file system of its own of one megabyte.
+class HdiutilOnASmallDisk : public HdiutilRefusal {
+ protected:
+  ProgramResult createThere(const std::string& options = "") {
+    fs::create_directories(small);
+    return runShell("exec unshare -rm sh -c " +
+                    shellWord("mount -t tmpfs -o size=1m tmpfs " + shellWord(small) +
+                              " && " HDIUTIL_PROGRAM " create -volname V -srcfolder " + shellWord(source) +
+                              " " + shellWord(small + "/out.dmg") + options + "; status=$?; ls -A " +
+                              shellWord(small) + "; exit $status"));
+  }
+
+  std::string small = scratch / "small";
+};
+
+TEST_F(HdiutilOnASmallDisk, refusesWhatClearlyDoesNotFitBeforeItWritesIt) {
   write("noise", noise(3'000'000, 2));
-  fs::create_directory(scratch / "small");
-  const auto run = runShell("exec unshare -rm sh -c " +
-                            shellWord("mount -t tmpfs -o size=1m tmpfs " + shellWord(scratch / "small") +
-                                      " && " HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " +
-                                      shellWord(scratch / "small/out.dmg") + "; status=$?; ls -A " +
-                                      shellWord(scratch / "small") + "; exit $status"));
+  const auto run = createThere(" -verbose");
   EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.output, "hdiutil: create failed - cannot write " + (scratch / "small/out.dmg") +
-                            ": No space left on device\n");
+  EXPECT_THAT(run.output, AllOf(HasSubstr("hdiutil: create failed - " + small +
+                                          ": not enough free space: about 3.0 MB needed, 1.0 MB free\n"),
+                                Not(HasSubstr("cannot write")), Not(HasSubstr("out.dmg\n"))));
+}
+
+TEST_F(HdiutilOnASmallDisk, takesWhatFitsOnlyCompressed) {
+  write("text", std::string(30'000'000, 't'));
+  write("noise", noise(500'000, 3));
+  EXPECT_EQ(createThere().output, "created: " + small + "/out.dmg\nout.dmg\n");
+}
+
+TEST_F(HdiutilOnASmallDisk, failsWhenItIsFullAfterAll) {
+  write("noise", noise(1'100'000, 2));
+  const auto run = createThere();
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.output,
+            "hdiutil: create failed - cannot write " + small + "/out.dmg: No space left on device\n");
 }
 
 // As a user who may not read everything.

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "image/udif/writer.h"
 #include "tests/tools/hdiutil_run.h"
 #include "tests/tools/scratch_folder.h"
 
@@ -72,6 +73,45 @@ TEST_F(HdiutilVerify, noticesDamageInsideAnEncryptedImage) {
 TEST_F(HdiutilVerify, refusesAFileThatIsNoImage) {
   scratch.write("out.dmg", std::string(5000, 'x'));
   EXPECT_THAT(runHdiutil({"verify", image}).error, HasSubstr("not a disk image"));
+}
+
+// A disk without a partition map or a file system.
+class Noise : public image::block::Content {
+ public:
+  std::uint64_t size() const override { return 4096; }
+  std::unique_ptr<image::block::ContentReader> openReader() const override {
+    return std::make_unique<Reader>();
+  }
+
+ private:
+  class Reader : public image::block::ContentReader {
+   public:
+    base::Result<image::block::Filled> read(std::uint64_t, std::span<std::byte> into) override {
+      for (std::size_t i = 0; i < into.size(); ++i) into[i] = static_cast<std::byte>(i * i >> 3);
+      return image::block::Filled::data;
+    }
+  };
+};
+
+class StringOutput : public image::block::Output {
+ public:
+  base::Result<void> write(std::uint64_t offset, std::span<std::byte> from) override {
+    if (bytes.size() < offset + from.size()) bytes.resize(offset + from.size());
+    std::ranges::copy(from,
+                      std::as_writable_bytes(std::span(bytes)).begin() + static_cast<std::ptrdiff_t>(offset));
+    return {};
+  }
+
+  std::string bytes;
+};
+
+TEST_F(HdiutilVerify, saysWhenThereIsNoVolumeThatItCouldCheck) {
+  StringOutput output;
+  ASSERT_TRUE(image::udif::writeImage(Noise(), {{"whole disk", 0, 8}}, output, {}));
+  scratch.write("out.dmg", output.bytes);
+  const auto run = runHdiutil({"verify", image});
+  EXPECT_EQ(run.status, 0) << run.error;
+  EXPECT_THAT(run.error, AllOf(HasSubstr("is VALID"), HasSubstr("no HFS+ volume in it")));
 }
 
 TEST_F(HdiutilVerify, infoDescribesTheImage) {

@@ -92,6 +92,42 @@ TEST_P(Faults, thatAreNoneDoNoHarm) {
   });
 }
 
+// A folder that shows the source once more, and does not say that it is mounted.
+class FolderInItself : public testing::Test {
+ protected:
+  FolderInItself() {
+    scratch.write("source/folder/file", "content");
+    std::filesystem::create_directory(loop);
+  }
+  ProgramResult create(const std::string& options = "") const {
+    return runShell("exec unshare -rm sh -c " +
+                    shellWord("mount --bind " + shellWord(source) + " " + shellWord(loop) +
+                              " && FAULT_NO_MOUNT_ROOT=1 LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM
+                              " create -volname V -srcfolder " +
+                              shellWord(source) + " " + shellWord(scratch / "out.dmg") + options));
+  }
+
+  ScratchFolder scratch;
+  std::string source = scratch / "source";
+  std::string loop = scratch / "source/folder/loop";
+  std::string reason =
+      "cannot store " + loop + ": the folder is the same as " + source + ", which it lies in\n";
+};
+
+TEST_F(FolderInItself, isAnError) {
+  const auto run = create();
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.output, "hdiutil: create failed - " + reason);
+}
+
+TEST_F(FolderInItself, isLeftOutWhenAskedTo) {
+  const auto run = create(" -skipunreadable");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, StartsWith("hdiutil: left out: " + reason));
+  EXPECT_EQ(runShell("7zz x -so " + shellWord(scratch / "out.dmg") + " V/folder/file 2>/dev/null").output,
+            "content");
+}
+
 INSTANTIATE_TEST_SUITE_P(Namings, Faults, testing::Values(Naming::nameless, Naming::hidden));
 
 }  // namespace

@@ -6,11 +6,13 @@
 //   FAULT_LASTS   when set, all calls from then on fail, too
 //   FAULT_COUNTS  a file for lines "NAME CALLS" at the program's end
 //   FAULT_NO_TMPFILE  when set, nameless files are what the file system does not have
+//   FAULT_NO_MOUNT_ROOT  when set, folders on which something is mounted do not say so
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -210,7 +212,10 @@ int fallocate64(int file, int mode, off_t offset, off_t size) {
 
 int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
   static const auto real = next<int (*)(int, const char*, int, unsigned, struct statx*)>("statx");
-  return carryOut(kStatx, [&] { return real(folder, path, flags, mask, status); });
+  const int done = carryOut(kStatx, [&] { return real(folder, path, flags, mask, status); });
+  if (done == 0 && !setting("FAULT_NO_MOUNT_ROOT").empty())
+    status->stx_attributes &= ~std::uint64_t{STATX_ATTR_MOUNT_ROOT};
+  return done;
 }
 
 ssize_t readlinkat(int folder, const char* path, char* into, std::size_t size) noexcept {
