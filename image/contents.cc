@@ -67,6 +67,10 @@ class Contents::Reading {
       : volume_(volume), cancelled_(cancelled) {}
 
   base::Result<Contents> run(const Wanted& root) {
+    // The volume's own count may be wrong.
+    constexpr std::uint64_t kMostAhead = 1 << 16;
+    const VolumeFacts& facts = volume_.facts();
+    contents_.entries_.reserve(std::min(std::uint64_t{1} + facts.files + facts.folders, kMostAhead));
     contents_.entries_.push_back({.item = root.item});
     wanted_.push_back(&root);
     for (Index folder = 0; folder < contents_.entries_.size(); ++folder) {

@@ -17,16 +17,16 @@ inline constexpr int kFailed = 1;
 inline constexpr int kNotUnderstood = 64;
 
 // A verb: its arguments, itself first.
-int create(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int verify(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int imageInfo(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int list(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int extract(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int compare(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int mount(const std::vector<std::string>& arguments, const HdiutilHost& host);
-int attach(const std::vector<std::string>& arguments, const HdiutilHost& host);
+int create(const std::vector<std::string>& given, const HdiutilHost& host);
+int verify(const std::vector<std::string>& given, const HdiutilHost& host);
+int imageInfo(const std::vector<std::string>& given, const HdiutilHost& host);
+int list(const std::vector<std::string>& given, const HdiutilHost& host);
+int extract(const std::vector<std::string>& given, const HdiutilHost& host);
+int compare(const std::vector<std::string>& given, const HdiutilHost& host);
+int mount(const std::vector<std::string>& given, const HdiutilHost& host);
+int attach(const std::vector<std::string>& given, const HdiutilHost& host);
 // Also "detach".
-int unmount(const std::vector<std::string>& arguments, const HdiutilHost& host);
+int unmount(const std::vector<std::string>& given, const HdiutilHost& host);
 
 // The lines of the usage text that are about a group of verbs.
 extern const std::string_view kCreateUsage;
