@@ -209,7 +209,7 @@ class Extraction {
     for (const auto& entry : contents_.entries()) total += progressOf(entry.item);
     request_.progress->sectorsTotal = total;
   }
-  void advance(std::uint64_t sectors) {
+  void advance(std::uint64_t sectors) const {
     if (request_.progress != nullptr) request_.progress->sectorsDone += sectors;
   }
 
@@ -536,11 +536,13 @@ class Extraction {
       if (!folder) return at(contents_[entry].parent, folder.error().message);
       const auto firstFolder = firstWay.open(contents_[first].parent);
       if (!firstFolder) return at(contents_[first].parent, firstFolder.error().message);
-      const auto made = place(**folder, entry, [&](const std::string& as) -> base::Result<Made> {
-        auto linked = (*folder)->makeHardLink(as, **firstFolder, name(first));
+      const HostFolder& into = **folder;
+      const HostFolder& from = **firstFolder;
+      const auto made = place(into, entry, [&](const std::string& as) -> base::Result<Made> {
+        auto linked = into.makeHardLink(as, from, name(first));
         if (!linked || *linked != Made::notPossible) return linked;
         leftOut_.add("hard link", "there are none there; it is a file of its own", entry);
-        return makeFile(**folder, as, entry, worker);
+        return makeFile(into, as, entry, worker);
       });
       if (!made) return failed(entry, made.error());
       advance(progressOf(item(entry)));
