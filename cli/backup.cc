@@ -104,7 +104,7 @@ Expected<Backup> makeBackup(Session& session, const std::string& volume,
   const StoreBefore before(session, volume);
   EngineRun run(session, encryption);
   const auto record =
-      ZQStashwickQueryResult::initWithPath(session.host().files, {"/Volumes/" + volume, true}, true);
+      ZQStashwickQueryResult::initWithPath(session.around().walkedFiles, {"/Volumes/" + volume, true}, true);
   run.engine().setBackupQuery(record);
   const auto ended = run.wait("Backing up \"" + volume + "\"");
   const auto backup = before.newBackup();

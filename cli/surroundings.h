@@ -85,6 +85,8 @@ struct Surroundings {
   Terminal& terminal;
   StoreFolders& folders;
   AutomaticBackups& automatic;
+  // The host's files, for walks over volumes: an interruption ends them.
+  ports::Files& walkedFiles;
   // Tools for cleaning up, which an interruption does not end.
   ports::ToolRuns& lastTools;
   // Serves the main queue until the condition holds; false when the program is interrupted first, which has

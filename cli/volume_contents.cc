@@ -12,12 +12,12 @@ std::string Amount::text() const {
 Expected<Amount> contentsOf(Session& session, const std::string& volume) {
   Amount amount;
   const bool ended = session.perform("Looking at " + volume, [&] {
-    session.host().files.enumerate("/Volumes/" + volume, {.totalFileSize = true},
-                                   [&](const ports::FileItem& item) {
-                                     ++amount.items;
-                                     amount.bytes += item.totalFileSize;
-                                     return true;
-                                   });
+    session.around().walkedFiles.enumerate("/Volumes/" + volume, {.totalFileSize = true},
+                                           [&](const ports::FileItem& item) {
+                                             ++amount.items;
+                                             amount.bytes += item.totalFileSize;
+                                             return true;
+                                           });
   });
   if (!ended) return Session::interrupted();
   return amount;

@@ -110,17 +110,18 @@ int runCommand(const std::vector<std::string>& arguments) {
   posix::PathMap paths(toolsFolder(), posix::dataHome() + "/stashwick/Volumes");
   posix::PathMap diskPaths(toolsFolder(), posix::dataHome() + "/stashwick/Volumes");
   posix::PosixFiles files(paths);
+  posix::PosixFiles walkedFiles(paths);
   posix::PosixToolRuns tools(paths, log);
   posix::PosixToolRuns lastTools(paths, log);
   loop.handleSignals(kQuitSignals, [&](int) {
     isInterrupted = true;
-    files.stop();
+    walkedFiles.stop();
     tools.terminateAll(kToolsPatience);
     loop.stop();
   });
   posix::PosixArchives archives(paths, log);
   posix::IcuDates dates;
-  embedded::EmbeddedDisks disks({loop, diskPaths, files, archives, dates, log});
+  embedded::EmbeddedDisks disks({loop, diskPaths, walkedFiles, archives, dates, log});
   posix::FileUserDefaults defaults(log);
   posix::DirectoryBundle bundle(posix::DirectoryBundle::defaultFolder(), dates.preferredLanguages(), log);
   posix::PosixUserSession user;
@@ -140,6 +141,7 @@ int runCommand(const std::vector<std::string>& arguments) {
                            .terminal = terminal,
                            .folders = folders,
                            .automatic = automatic,
+                           .walkedFiles = walkedFiles,
                            .lastTools = lastTools,
                            .serveUntil = [&loop](const auto& done) { return loop.runUntil(done); },
                            .streams = streams()});

@@ -164,6 +164,7 @@ class CliTest : public ::testing::Test {
                                   .terminal = terminal,
                                   .folders = folders,
                                   .automatic = automatic,
+                                  .walkedFiles = world.files,
                                   .lastTools = world.tools,
                                   .serveUntil = [this](const auto& done) { return world.runUntil(done); },
                                   .streams = {.out = out, .error = error}});
