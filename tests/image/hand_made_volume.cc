@@ -162,7 +162,8 @@ void HandMadeVolume::addAttribute(std::uint32_t item, std::u16string_view name, 
 }
 
 HandMadeVolume::Fork HandMadeVolume::storeTree(const Records& records, std::uint16_t nodeBytes,
-                                               std::uint16_t maxKeyLength, std::uint32_t extents) {
+                                               std::uint16_t maxKeyLength, std::uint32_t extents,
+                                               std::uint32_t tail) {
   const RecordsOf<Records> source(records);
   const hfs::BTreeFile tree(source, {.nodeBytes = nodeBytes,
                                      .maxKeyLength = maxKeyLength,
@@ -172,7 +173,7 @@ HandMadeVolume::Fork HandMadeVolume::storeTree(const Records& records, std::uint
   const auto nodes = std::as_writable_bytes(std::span(bytes));
   for (std::uint32_t i = 0; i < tree.nodeCount(); ++i)
     tree.makeNode(i, nodes.subspan(std::size_t{i} * nodeBytes, nodeBytes));
-  return store(bytes, extents);
+  return store(bytes + std::string(tail, '\0'), extents);
 }
 
 Bytes HandMadeVolume::header(const Fork& overflow, const Fork& catalog, const Fork& attributesFile) const {
@@ -204,7 +205,8 @@ std::vector<std::byte> HandMadeVolume::make() {
   const Fork catalog = storeTree(records, 4096, 516, catalogExtents);
   Bytes unused;
   putFork(4, 0x00, catalog, unused);
-  const Fork attributesFile = attributeRecords_.empty() ? Fork{} : storeTree(attributeRecords_, 8192, 266, 1);
+  const Fork attributesFile =
+      attributeRecords_.empty() ? Fork{} : storeTree(attributeRecords_, 8192, 266, 1, attributesFileTail);
   const Fork overflow = storeTree(overflowRecords_, 4096, 10, 1);
   const Bytes head = header(overflow, catalog, attributesFile);
   Bytes volume = blocks_;

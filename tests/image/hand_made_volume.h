@@ -50,6 +50,8 @@ class HandMadeVolume {
   std::uint32_t journalInfoBlock = 0;
   // Extents of the catalog file.
   std::uint32_t catalogExtents = 1;
+  // Bytes of the attributes file behind its last node.
+  std::uint32_t attributesFileTail = 0;
 
   // In as many extents as told, with free blocks between them.
   Fork store(std::string_view bytes, std::uint32_t extents = 1);
@@ -73,7 +75,7 @@ class HandMadeVolume {
 
   std::uint32_t add(const Record& record, bool isFolder);
   Fork storeTree(const Records& records, std::uint16_t nodeBytes, std::uint16_t maxKeyLength,
-                 std::uint32_t extents);
+                 std::uint32_t extents, std::uint32_t tail = 0);
   Bytes header(const Fork& overflow, const Fork& catalog, const Fork& attributesFile) const;
   // What of a fork goes into its record; the rest goes into the overflow file.
   void putFork(std::uint32_t file, std::uint8_t kind, const Fork& fork, Bytes& into);

@@ -335,6 +335,19 @@ TEST(VolumeOfOthers, readsACatalogWhoseExtentsGoOnInTheOverflowFile) {
   EXPECT_EQ(itemsOf(*volume, kRoot).size(), 2'000u);
 }
 
+// As a kernel leaves it that grows the file by blocks, of which two make a node.
+TEST(VolumeOfOthers, readsAnAttributesFileThatEndsWithPartOfANode) {
+  HandMadeVolume made;
+  const auto file = made.addFile({.name = u"file"});
+  made.addAttribute(file, u"note", "value");
+  made.attributesFileTail = HandMadeVolume::kBlockBytes;
+  const auto volume = open(made.make());
+  ASSERT_TRUE(volume);
+  EXPECT_EQ(attributeOf(*volume, file, "user.note"), "value");
+  made.attributesFileTail = 2 * HandMadeVolume::kBlockBytes;
+  EXPECT_FALSE(tryOpen(made.make()));
+}
+
 TEST(VolumeOfOthers, refusesAFileThatHasOtherBlocksThanItsRecordSays) {
   HandMadeVolume made;
   auto data = made.store(lines(10 * HandMadeVolume::kBlockBytes), 10);
