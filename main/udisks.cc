@@ -126,13 +126,21 @@ base::Result<std::string> UDisks::formatFAT(const std::string& device, const std
   auto table =
       Call(bus_.get(), *object, kBlock, "Format").with("sa{sv}", "dos", 0).send("cannot partition", device);
   if (!table) return table.error();
-  auto made = Call(bus_.get(), *object, kPartitionTable, "CreatePartitionAndFormat")
-                  .with("ttssa{sv}sa{sv}", std::uint64_t{1} << 20, std::uint64_t{0}, "0x0c", "", 0, "vfat", 1,
-                        "label", "s", label.c_str())
-                  .send("cannot make a volume on", device);
+  auto made = Call(bus_.get(), *object, kPartitionTable, "CreatePartition")
+                  .with("ttssa{sv}", std::uint64_t{1} << 20, std::uint64_t{0}, "0x0c", "", 0)
+                  .send("cannot make a partition on", device);
   if (!made) return made.error();
   const auto partition = firstObject(*made, nullptr, device);
   if (!partition) return partition.error();
+  const auto format = [&] {
+    return Call(bus_.get(), *partition, kBlock, "Format")
+        .with("sa{sv}", "vfat", 1, "label", "s", label.c_str())
+        .send("cannot make a volume on", device);
+  };
+  // On a busy machine the service may give up waiting for the news of its own wiping, once.
+  auto formatted = format();
+  if (!formatted) formatted = format();
+  if (!formatted) return formatted.error();
   char* version = nullptr;
   const int code = ::sd_bus_get_property_string(bus_.get(), kService, partition->c_str(), kBlock, "IdVersion",
                                                 nullptr, &version);
