@@ -9,6 +9,7 @@
 
 #include "app/agent_app_delegate.h"
 #include "main/agent_options.h"
+#include "main/desktop_agent.h"
 #include "main/locked_tool_runs.h"
 #include "main/observed_tool_runs.h"
 #include "main/password_file.h"
@@ -43,10 +44,6 @@ void openMissingStreams() {
     if (stream < 0) return;
     if (stream > STDERR_FILENO) ::close(stream);
   }
-}
-
-std::string toolsFolder() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "libexec";
 }
 
 embedded::TerminalDesktop::Options desktopOptions(const AgentOptions& options) {
@@ -133,7 +130,7 @@ int runAgent(const AgentOptions& options, const base::Secret& password) {
   posix::StderrLog log;
   posix::MainLoop loop;
   loop.handleSignals({SIGINT, SIGTERM, SIGHUP}, [&loop](int) { loop.stop(); });
-  posix::PathMap paths(toolsFolder(), posix::unregisteredVolumesFolder());
+  posix::PathMap paths(posix::PathMap::defaultToolsFolder(), posix::unregisteredVolumesFolder());
   posix::PosixFiles hostFiles(paths);
   posix::PosixArchives archives(paths, log);
   posix::IcuDates dates;
@@ -197,6 +194,7 @@ int main(int argc, char** argv) {
     const auto checked = embedded::EmbeddedDisks::checkFolder(folder);
     if (!checked) return fail(checked.error());
   }
+  if (hasDesktop() && options.isForDesktop()) return runDesktopAgent(argc, argv, posix::PathMap::defaultToolsFolder());
   base::Secret password;
   if (options.passwordFile) {
     keepMemoryPrivate();

@@ -13,6 +13,11 @@ struct AgentOptions {
   std::optional<std::string> passwordFile;
   std::optional<std::string> volumesFolder;
   std::vector<std::string> folders;
+
+  // Nothing is asked for that only makes sense without a desktop.
+  bool isForDesktop() const {
+    return !headless && !remember && !once && !answer && !passwordFile && !volumesFolder && folders.empty();
+  }
 };
 
 // Either the options, or the exit status of a command line that asks for help or the version (0), or is wrong

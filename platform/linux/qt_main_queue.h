@@ -37,6 +37,11 @@ class QtMainQueue : public ports::MainQueue {
   }
   bool performAndWait(const std::function<void()>& closure) override { return loop_.performAndWait(closure); }
 
+  // See posix::MainLoop.
+  void handleSignals(std::initializer_list<int> signals, std::function<void(int)> handler) {
+    loop_.handleSignals(signals, std::move(handler));
+  }
+
   // To be called once Qt's loop has ended: what was posted and did not run is dropped, who waits in
   // performAndWait() returns false. Any thread; the destructor does it.
   void close() { loop_.close(); }

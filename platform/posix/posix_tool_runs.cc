@@ -5,6 +5,8 @@
 #include <csignal>
 #include <cstring>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -74,6 +76,17 @@ class SpawnRequest {
   posix_spawn_file_actions_t actions_;
 };
 
+// What the tool starts later inherits it. Where the system has no priorities for disks, only the processor's.
+void runBehind(pid_t tool) {
+  constexpr int kNiceness = 10;
+  ::setpriority(PRIO_PROCESS, static_cast<id_t>(tool), kNiceness);
+#if defined(SYS_ioprio_set)
+  constexpr int kOfProcess = 1;
+  constexpr int kLowestOfBestEffort = 2 << 13 | 7;
+  ::syscall(SYS_ioprio_set, kOfProcess, tool, kLowestOfBestEffort);
+#endif
+}
+
 std::string lastLine(std::string_view text) {
   constexpr std::size_t kLongest = 400;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
@@ -138,8 +151,15 @@ base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolS
   base::MutexLock lock(mutex_);
   if (terminated_) return base::Error{"the agent is quitting"};
   auto tool = request.spawn(paths_.hostPath(run.launchPath), arguments);
-  if (tool) running_.insert(*tool);
+  if (!tool) return tool;
+  running_.insert(*tool);
+  if (background_) runBehind(*tool);
   return tool;
+}
+
+void PosixToolRuns::setBackground(bool background) {
+  base::MutexLock lock(mutex_);
+  background_ = background;
 }
 
 // Waits before it reaps, so that the number cannot be another process's while it is in running_.

@@ -29,6 +29,9 @@ class PosixToolRuns : public ports::ToolRuns {
   std::unique_ptr<ports::InputPipe> makePipe() override;
   std::string run(const ports::ToolRun& run) override;
 
+  // From now on tools run with low priority for processor and disk, as behind somebody's back.
+  void setBackground(bool background);
+
   // For quitting: asks the running tools to end, kills those that still run after the time given, and
   // launches none from then on.
   void terminateAll(std::chrono::milliseconds patience);
@@ -46,6 +49,7 @@ class PosixToolRuns : public ports::ToolRuns {
   std::condition_variable_any ended_;
   std::set<pid_t> running_ GUARDED_BY(mutex_);  // not yet reaped, so that the number is still theirs
   bool terminated_ GUARDED_BY(mutex_) = false;
+  bool background_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace platform::posix

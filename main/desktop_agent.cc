@@ -1,0 +1,147 @@
+#include "main/desktop_agent.h"
+
+#include <QApplication>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+
+#include "app/agent_app_delegate.h"
+#include "main/locked_tool_runs.h"
+#include "main/watched_tool_runs.h"
+#include "platform/linux/agent_bus.h"
+#include "platform/linux/inhibitor.h"
+#include "platform/linux/qt_desktop.h"
+#include "platform/linux/secret_service_keychain.h"
+#include "platform/linux/udisks_arbitration.h"
+#include "platform/posix/directory_bundle.h"
+#include "platform/posix/file_user_defaults.h"
+#include "platform/posix/icu_dates.h"
+#include "platform/posix/posix_archives.h"
+#include "platform/posix/posix_files.h"
+#include "platform/posix/posix_tool_runs.h"
+#include "platform/posix/posix_user_session.h"
+#include "platform/posix/stderr_log.h"
+#include "platform/posix/xdg_folders.h"
+
+using namespace platform;
+
+namespace {
+
+constexpr const char* kSupportFolder = "/Stashwick 3";
+constexpr std::chrono::milliseconds kToolsPatience{3000};
+
+// What is seen of the agent from outside.
+class Presence {
+ public:
+  Presence(ZQAgentAppDelegate& agent, freedesktop::QtDesktop& desktop, posix::PosixFiles& files)
+      : agent_(agent), desktop_(desktop), files_(files) {}
+
+  freedesktop::AgentAnswers answers() {
+    return {.volumes = [this] { return volumes(); },
+            .backups = [this](const std::string& volume) { return backups(volume); },
+            .backUp = [this](const std::string& volume) { return backUp(volume); },
+            .current = [this] { return current(); },
+            .activate = [this] { desktop_.showMenuWindow(); },
+            .quit = [] { QApplication::quit(); }};
+  }
+
+ private:
+  std::vector<freedesktop::AgentAnswers::Volume> volumes() const {
+    std::vector<freedesktop::AgentAnswers::Volume> volumes;
+    for (const auto& device : agent_.devices())
+      volumes.push_back({.name = device->name(),
+                         .identifier = device->UDID().value_or(""),
+                         .bytes = static_cast<std::uint64_t>(device->size()),
+                         .isMounted = files_.fileExists("/Volumes/" + device->name())});
+    return volumes;
+  }
+
+  std::vector<freedesktop::AgentAnswers::Backup> backups(const std::string& volume) const {
+    std::vector<freedesktop::AgentAnswers::Backup> backups;
+    // Asking for a name's folder makes it, so names of nothing are not passed on.
+    if (!posix::PathMap::isVolumeName(volume)) return backups;
+    for (const auto& backup : agent_.stashwick()->backupsForVolume(volume))
+      backups.push_back({.path = backup->path(),
+                         .date = backup->backupDate().unix(),
+                         .bytes = static_cast<std::uint64_t>(backup->size()),
+                         .isEncrypted = backup->encrypted()});
+    return backups;
+  }
+
+  std::optional<std::string> backUp(const std::string& volume) const {
+    if (agent_.stashwick()->hasOperations()) return "A backup is under way.";
+    for (const auto& device : agent_.devices()) {
+      if (device->name() != volume) continue;
+      agent_._backupDevice(device);
+      return std::nullopt;
+    }
+    return "There is no volume \"" + volume + "\".";
+  }
+
+  std::string current() const {
+    return agent_.stashwick()->hasOperations() ? agent_.stashwick()->currentVolume().value_or("") : "";
+  }
+
+  ZQAgentAppDelegate& agent_;
+  freedesktop::QtDesktop& desktop_;
+  posix::PosixFiles& files_;
+};
+
+}  // namespace
+
+bool hasDesktop() {
+  const auto isSet = [](const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+  };
+  return isSet("WAYLAND_DISPLAY") || isSet("DISPLAY");
+}
+
+int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
+  QApplication application(argc, argv);
+  QApplication::setApplicationName("stashwick-agent");
+  QApplication::setDesktopFileName(freedesktop::AgentBus::kName);
+  posix::StderrLog log(posix::StderrLog::Syslog::too);
+  freedesktop::QtMainQueue queue;
+  queue.handleSignals({SIGINT, SIGTERM, SIGHUP}, [](int) { QApplication::quit(); });
+  posix::PathMap paths(toolsFolder, posix::unregisteredVolumesFolder());
+  posix::PosixFiles files(paths);
+  posix::PosixArchives archives(paths, log);
+  posix::IcuDates dates;
+  posix::PosixToolRuns hostTools(paths, log);
+  hostTools.setBackground(true);
+  LockedToolRuns lockedTools(hostTools, paths);
+  posix::FileUserDefaults defaults(log);
+  posix::DirectoryBundle bundle(posix::DirectoryBundle::defaultFolder(), dates.preferredLanguages(), log);
+  posix::PosixUserSession user;
+  freedesktop::SecretServiceKeychain keychain;
+  freedesktop::UDisksArbitration disks({.queue = queue, .paths = paths, .dates = dates, .log = log});
+  freedesktop::QtDesktop desktop({.queue = queue, .paths = paths, .bundle = bundle, .log = log},
+                                 [] { QApplication::quit(); });
+  freedesktop::Inhibitor inhibitor;
+  std::optional<freedesktop::AgentBus> bus;
+  WatchedToolRuns tools(lockedTools, queue, [&](const std::optional<std::string>& volume) {
+    desktop.setBusy(volume.has_value());
+    volume ? inhibitor.begin("Backing up " + *volume) : inhibitor.end();
+    if (bus) bus->tellStateChanged();
+  });
+  base::NotificationCenter notifications;
+  const ports::Host host{disks,    keychain, desktop, tools, queue, files,        archives,
+                         defaults, bundle,   dates,   user,  log,   notifications};
+
+  ZQAgentAppDelegate::initialize(host);
+  auto agent = ZQAgentAppDelegate::init(host);
+  Presence presence(*agent, desktop, files);
+  if (bus.emplace(presence.answers()).take() == freedesktop::AgentBus::Place::taken) return 0;
+  // There is no main application here that would make it.
+  posix::makeFolders(files.applicationSupportDirectory() + kSupportFolder);
+  agent->applicationDidFinishLaunching();
+  const int status = QApplication::exec();
+
+  desktop.close();
+  files.stop();
+  hostTools.terminateAll(kToolsPatience);
+  queue.close();
+  agent->applicationWillTerminate();
+  return status;
+}
