@@ -194,7 +194,8 @@ int main(int argc, char** argv) {
     const auto checked = embedded::EmbeddedDisks::checkFolder(folder);
     if (!checked) return fail(checked.error());
   }
-  if (hasDesktop() && options.isForDesktop()) return runDesktopAgent(argc, argv, posix::PathMap::defaultToolsFolder());
+  if (hasDesktop() && options.isForDesktop())
+    return runDesktopAgent(argc, argv, posix::PathMap::defaultToolsFolder());
   base::Secret password;
   if (options.passwordFile) {
     keepMemoryPrivate();

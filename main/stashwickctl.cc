@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <unistd.h>
 
@@ -33,10 +32,6 @@ namespace {
 constexpr std::chrono::milliseconds kToolsPatience{3000};
 constexpr std::initializer_list<int> kQuitSignals = {SIGINT, SIGTERM, SIGHUP};
 constexpr int kNobodyThere = 1;
-
-std::string toolsFolder() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "libexec";
-}
 
 // What tools and adapters note for those who look for a cause; what a user has to know, the command says.
 class QuietLog : public ports::SystemLog {
@@ -107,8 +102,8 @@ int runCommand(const std::vector<std::string>& arguments) {
   QuietLog log;
   posix::MainLoop loop;
   bool isInterrupted = false;
-  posix::PathMap paths(toolsFolder(), posix::dataHome() + "/stashwick/Volumes");
-  posix::PathMap diskPaths(toolsFolder(), posix::dataHome() + "/stashwick/Volumes");
+  posix::PathMap paths(posix::PathMap::defaultToolsFolder(), posix::dataHome() + "/stashwick/Volumes");
+  posix::PathMap diskPaths(posix::PathMap::defaultToolsFolder(), posix::dataHome() + "/stashwick/Volumes");
   posix::PosixFiles files(paths);
   posix::PosixFiles walkedFiles(paths);
   posix::PosixToolRuns tools(paths, log);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/posix/durable_file.h"
+
 namespace platform::posix {
 namespace {
 
@@ -22,6 +24,10 @@ bool climbs(std::string_view path) {
 PathMap::PathMap(std::string toolsFolder, std::string unregisteredVolumesFolder)
     : toolsFolder_(std::move(toolsFolder)),
       unregisteredVolumesFolder_(std::move(unregisteredVolumesFolder)) {}
+
+std::string PathMap::defaultToolsFolder() {
+  return folderOf(folderOf(linkTarget("/proc/self/exe"))) + "/libexec/stashwick";
+}
 
 bool PathMap::isVolumeName(std::string_view name) {
   const auto forbidden = [](char c) {

@@ -21,6 +21,9 @@ class PathMap {
   // nothing is there, and nothing can be made there.
   static constexpr std::string_view kNowhere = "/dev/null/no-such-volume";
 
+  // ../libexec/stashwick, seen from the folder of the running program.
+  static std::string defaultToolsFolder();
+
   // Both are absolute folders without a trailing slash; neither has to exist.
   PathMap(std::string toolsFolder, std::string unregisteredVolumesFolder);
 

@@ -66,7 +66,7 @@ class Bench:
 
     def tool(self, name):
         """The path of one of our programs on this machine."""
-        program = self.programs / "libexec" / name
+        program = self.programs / "libexec" / "stashwick" / name
         require(program.is_file(), f"{program} is not built")
         return program
 

@@ -1,5 +1,6 @@
 #include "platform/posix/path_map.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 using platform::posix::PathMap;
@@ -74,6 +75,11 @@ TEST_F(PathMapTest, translatesOnlyArgumentsThatAreVolumePaths) {
   EXPECT_EQ(paths_.hostArgument("--from=/Volumes/STICK"), "--from=/Volumes/STICK");
   EXPECT_EQ(paths_.hostArgument("/usr/bin/hdiutil"), "/usr/bin/hdiutil");
   EXPECT_EQ(paths_.hostArgument("-rf"), "-rf");
+}
+
+TEST(PathMap, looksForTheToolsBesideTheProgramsFolder) {
+  const auto program = std::filesystem::read_symlink("/proc/self/exe");
+  EXPECT_EQ(PathMap::defaultToolsFolder(), program.parent_path().parent_path() / "libexec/stashwick");
 }
 
 }  // namespace
