@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <ranges>
 #include <set>
 
 #include "cli/commands.h"
@@ -45,8 +46,8 @@ struct Pruning {
 
 Expected<bool> hasSoundOne(Session& session, const std::vector<Backup>& kept) {
   ImageTool tool(session);
-  for (auto backup = kept.rbegin(); backup != kept.rend(); ++backup) {
-    const auto problem = tool.verify(*backup);
+  for (const auto& backup : std::views::reverse(kept)) {
+    const auto problem = tool.verify(backup);
     if (!problem) return true;
     if (problem->exit == Exit::interrupted) return *problem;
   }
