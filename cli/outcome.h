@@ -19,7 +19,7 @@ enum class Exit : int {
 };
 
 // Why a command could not do what it was asked for: the text goes behind "COMMAND failed - ".
-struct Problem {
+struct Problem {  // NOLINT(clang-analyzer-core.uninitialized.Assign): not where an Expected holds a value
   Exit exit = Exit::failed;
   std::string text;
 };
