@@ -8,6 +8,7 @@
 
 #include "base/mutex.h"
 #include "platform/linux/block_names.h"
+#include "platform/linux/udisks_bus.h"
 #include "platform/posix/file_descriptor.h"
 
 namespace platform::freedesktop {
@@ -83,9 +84,10 @@ UDisksArbitration::UDisksArbitration(const Surroundings& surroundings, Settings 
       settings_(std::move(settings)),
       sessions_(around_.queue, [this] { return announced(); }),
       self_(std::make_shared<UDisksArbitration*>(this)),
-      bus_(
-          {settings_.busAddress, settings_.answersWithin}, [this] { reconcile(); }, around_.log) {
-  bus_.reach();
+      bus_(std::make_unique<UDisksBus>(
+          UDisksBus::Place{settings_.busAddress, settings_.answersWithin}, [this] { reconcile(); },
+          around_.log)) {
+  bus_->reach();
 }
 
 UDisksArbitration::~UDisksArbitration() {
@@ -107,7 +109,7 @@ DiskCompletion UDisksArbitration::completingLater(DiskCompletion done) {
 // --- what is there ---
 
 void UDisksArbitration::reconcile() {
-  auto found = disksOf(bus_.objects(), settings_.sysfs);
+  auto found = disksOf(bus_->objects(), settings_.sysfs);
   const auto foundAs = [&found](const Present& present) {
     return std::ranges::find(found, present.found.bsdName, &UDisksDisk::bsdName);
   };
@@ -150,7 +152,7 @@ void UDisksArbitration::arrive(UDisksDisk found) {
       return std::ranges::any_of(present_, [&](const auto& other) { return other->name == name; });
     });
   }
-  present->arrivedAt = bus_.hasListed() ? std::optional(around_.dates.now()) : std::nullopt;
+  present->arrivedAt = bus_->hasListed() ? std::optional(around_.dates.now()) : std::nullopt;
   present->disk = std::make_shared<Disk>(describe(present->found, *present));
   present_.push_back(present);
   setMountPoint(*present, present->found.mountPoint);
@@ -233,7 +235,7 @@ std::vector<DiskRef> UDisksArbitration::announced() const {
 // --- what clients ask for ---
 
 std::unique_ptr<ports::DiskSession> UDisksArbitration::createSession(ports::DiskSessionCallbacks callbacks) {
-  return bus_.reach() ? sessions_.create(std::move(callbacks)) : nullptr;
+  return bus_->reach() ? sessions_.create(std::move(callbacks)) : nullptr;
 }
 
 ports::DiskDescription UDisksArbitration::copyDescription(const DiskRef& disk) {
@@ -279,12 +281,12 @@ void UDisksArbitration::mountNow(const PresentRef& present, bool asksForPassword
   if (present->found.whole) return done(Dissenter{ports::kDAReturnUnsupported, "there is no volume on it"});
   if (!present->found.mountPoint.empty())
     return done(Dissenter{ports::kDAReturnBusy, "it is mounted already"});
-  bus_.call(present->found.block, "Filesystem", "Mount", {optionsForUser(asksForPassword)},
-            settings_.actsWithin, [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
-              if (!reply.dissenter) bus_.noteMountPoint(block, reply.text);
-              reconcile();
-              done(reply.dissenter);
-            });
+  bus_->call(present->found.block, "Filesystem", "Mount", {optionsForUser(asksForPassword)},
+             settings_.actsWithin, [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
+               if (!reply.dissenter) bus_->noteMountPoint(block, reply.text);
+               reconcile();
+               done(reply.dissenter);
+             });
 }
 
 void UDisksArbitration::unmountNow(const PresentRef& present, const DiskCompletion& done) {
@@ -292,16 +294,16 @@ void UDisksArbitration::unmountNow(const PresentRef& present, const DiskCompleti
     return done(Dissenter{ports::kDAReturnNotMounted, "it is not mounted"});
   if (auto dissenter = sessions_.askForUnmount(present->disk)) return done(dissenter);
   if (!isPresent(present)) return done(kGone);
-  bus_.call(present->found.block, "Filesystem", "Unmount", {optionsForUser(true)}, settings_.actsWithin,
-            [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
-              if (!reply.dissenter) bus_.noteMountPoint(block, "");
-              reconcile();
-              done(reply.dissenter);
-            });
+  bus_->call(present->found.block, "Filesystem", "Unmount", {optionsForUser(true)}, settings_.actsWithin,
+             [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
+               if (!reply.dissenter) bus_->noteMountPoint(block, "");
+               reconcile();
+               done(reply.dissenter);
+             });
 }
 
 void UDisksArbitration::ejectNow(const PresentRef& present, const DiskCompletion& done) {
-  const auto* drive = bus_.objects().find(present->found.drive, "Drive");
+  const auto* drive = bus_->objects().find(present->found.drive, "Drive");
   if (drive == nullptr || !flagOf(*drive, "Ejectable")) {
     return done(Dissenter{ports::kDAReturnUnsupported, "its drive cannot eject it"});
   }
@@ -311,8 +313,8 @@ void UDisksArbitration::ejectNow(const PresentRef& present, const DiskCompletion
       ejectNow(present, done);
     });
   }
-  bus_.call(present->found.drive, "Drive", "Eject", {optionsForUser(true)}, settings_.actsWithin,
-            [done](const UDisksBus::Reply& reply) { done(reply.dissenter); });
+  bus_->call(present->found.drive, "Drive", "Eject", {optionsForUser(true)}, settings_.actsWithin,
+             [done](const UDisksBus::Reply& reply) { done(reply.dissenter); });
 }
 
 void UDisksArbitration::rename(const DiskRef& disk, const std::string& name) {
@@ -324,11 +326,11 @@ void UDisksArbitration::rename(const DiskRef& disk, const std::string& name) {
     if (!present) return failed(kGone.statusString);
     if (present->found.whole) return failed("there is no volume on it");
     if (!posix::PathMap::isVolumeName(name)) return failed("a volume cannot have this name");
-    bus_.call(present->found.block, "Filesystem", "SetLabel",
-              {QString::fromStdString(name), optionsForUser(true)}, settings_.actsWithin,
-              [failed](const UDisksBus::Reply& reply) {
-                if (reply.dissenter) failed(reply.dissenter->statusString);
-              });
+    bus_->call(present->found.block, "Filesystem", "SetLabel",
+               {QString::fromStdString(name), optionsForUser(true)}, settings_.actsWithin,
+               [failed](const UDisksBus::Reply& reply) {
+                 if (reply.dissenter) failed(reply.dissenter->statusString);
+               });
   });
 }
 

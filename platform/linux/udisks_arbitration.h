@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "platform/linux/bus_greeting.h"
-#include "platform/linux/udisks_bus.h"
 #include "platform/linux/udisks_disks.h"
 #include "platform/posix/disk_sessions.h"
 #include "platform/posix/path_map.h"
@@ -18,6 +17,8 @@
 #include "ports/system_log.h"
 
 namespace platform::freedesktop {
+
+class UDisksBus;
 
 // Disk arbitration over UDisks2. Needs a QCoreApplication, on the main thread.
 //
@@ -107,7 +108,7 @@ class UDisksArbitration : public ports::DiskArbitration {
   posix::DiskSessions sessions_;
   // Tells closures that are still on their way to the main thread that this is gone.
   std::shared_ptr<UDisksArbitration*> self_;
-  UDisksBus bus_;
+  const std::unique_ptr<UDisksBus> bus_;
 };
 
 }  // namespace platform::freedesktop

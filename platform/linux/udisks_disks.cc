@@ -71,7 +71,8 @@ std::optional<Slice> sliceOf(const UDisksObjects& objects, const std::string& pa
   return slice;
 }
 
-bool isLoop(const Slice& slice) { return slice.loop && !textOf(*slice.loop, "BackingFile").empty(); }
+// Its backing file may be told later.
+bool isLoop(const Slice& slice) { return slice.loop != nullptr; }
 
 std::string protocolOf(const Slice& slice) {
   if (isLoop(slice)) return "Virtual Interface";
