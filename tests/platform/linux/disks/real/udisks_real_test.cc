@@ -56,10 +56,17 @@ class LoopDisk {
         {"-c", "printf 'label: gpt\\nstart=2048, size=24576, uuid=" + guid + "\\n' | sfdisk -q " + file()});
   }
   // Tells the kernel of the one partition: not every kernel reads tables.
-  void addPartition() { run("addpart", {device_, "1", "2048", "24576"}); }
-  void deletePartition() { run("delpart", {device_, "1"}); }
+  void addPartition() {
+    run("addpart", {device_, "1", "2048", "24576"});
+    hasPartition_ = true;
+  }
+  void deletePartition() {
+    if (std::exchange(hasPartition_, false)) run("delpart", {device_, "1"});
+  }
   void attach() { device_ = QString::fromStdString(run("losetup", {"--find", "--show", file()})); }
+  // A partition that stays would be the next disk's as well.
   void detach() {
+    deletePartition();
     if (!device_.isEmpty()) run("losetup", {"--detach", std::exchange(device_, {})});
   }
 
@@ -68,6 +75,7 @@ class LoopDisk {
 
   TemporaryFolder folder_;
   QString device_;
+  bool hasPartition_ = false;
 };
 
 class UDisksRealTest : public testing::Test {
