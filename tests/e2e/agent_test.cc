@@ -236,7 +236,7 @@ TEST_F(Agent, leavesNothingHalfMadeOnAFullDisk) {
   const auto run = backUp({temporary / "STICK"});
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(run.output,
-              AllOf(HasSubstr("STICK: no backup was made: "), HasSubstr("No space left on device")));
+              AllOf(HasSubstr("STICK: no backup was made: "), HasSubstr("not enough free space")));
   EXPECT_THAT(imagesOf("STICK"), ElementsAre(EndsWith("/earlier.dmg")));
   EXPECT_EQ(temporary.read("home/data/Stashwick 3/STICK/earlier.dmg"), "precious");
   ::umount2(dataHome.c_str(), MNT_DETACH);

@@ -37,7 +37,8 @@ class MountTool : public AgentWorld {
     ASSERT_EQ(made.status, 0) << made.errors;
   }
 
-  const std::string hdiutil = fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick/hdiutil";
+  const std::string hdiutil =
+      fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick/hdiutil";
   const std::string mountPoint = dataHome + "/stashwick/Volumes/STICK-Backup";
 };
 

@@ -1,6 +1,6 @@
-#include "platform/linux/secret_service_keychain.h"
 #include <cstdlib>
 
+#include "platform/linux/secret_service_keychain.h"
 #include "tests/contract/keychain_contract.h"
 
 namespace contract {
