@@ -1,6 +1,7 @@
 #include "platform/linux/qt_main_queue.h"
 
 #include <chrono>
+#include <utility>
 
 namespace platform::freedesktop {
 
@@ -9,6 +10,12 @@ QtMainQueue::QtMainQueue() : wakeUp_(loop_.wakeUpDescriptor(), QSocketNotifier::
   next_.setTimerType(Qt::PreciseTimer);
   QObject::connect(&wakeUp_, &QSocketNotifier::activated, &next_, [this] { serve(); });
   QObject::connect(&next_, &QTimer::timeout, &next_, [this] { serve(); });
+}
+
+void QtMainQueue::handleSignals(std::initializer_list<int> signals, std::function<void(int)> handler) {
+  loop_.handleSignals(signals, std::move(handler));
+  signals_.emplace(loop_.signalsDescriptor(), QSocketNotifier::Read);
+  QObject::connect(&*signals_, &QSocketNotifier::activated, &next_, [this] { serve(); });
 }
 
 void QtMainQueue::serve() {

@@ -4,6 +4,8 @@
 #include <QSocketNotifier>
 #include <QTimer>
 #include <functional>
+#include <initializer_list>
+#include <optional>
 
 #include "platform/posix/main_loop.h"
 #include "ports/main_queue.h"
@@ -37,10 +39,8 @@ class QtMainQueue : public ports::MainQueue {
   }
   bool performAndWait(const std::function<void()>& closure) override { return loop_.performAndWait(closure); }
 
-  // See posix::MainLoop.
-  void handleSignals(std::initializer_list<int> signals, std::function<void(int)> handler) {
-    loop_.handleSignals(signals, std::move(handler));
-  }
+  // As posix::MainLoop has it: in modals too.
+  void handleSignals(std::initializer_list<int> signals, std::function<void(int)> handler);
 
   // To be called once Qt's loop has ended: what was posted and did not run is dropped, who waits in
   // performAndWait() returns false. Any thread; the destructor does it.
@@ -51,6 +51,7 @@ class QtMainQueue : public ports::MainQueue {
 
   posix::MainLoop loop_;
   QSocketNotifier wakeUp_;
+  std::optional<QSocketNotifier> signals_;
   QTimer next_;
 };
 

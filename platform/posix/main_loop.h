@@ -83,8 +83,10 @@ class MainLoop : public ports::MainQueue {
 
   // For a toolkit whose own loop does the waiting: readable once there may be something to serve.
   int wakeUpDescriptor() const { return wakeUp_.get(); }
+  // The same for the signals of handleSignals(); -1 before that is called.
+  int signalsDescriptor() const { return signals_.get(); }
   // Serves what is ready, one closure at most, without waiting. How long until there is more to serve, as far
-  // as that is known: nothing when only wakeUpDescriptor() can tell. Main thread.
+  // as that is known: nothing when only the descriptors can tell. Main thread.
   std::optional<std::chrono::steady_clock::duration> serveReady();
 
   // Ends run(), and every runUntil() inside it, before the next closure. Any thread.
