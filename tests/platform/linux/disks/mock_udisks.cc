@@ -65,7 +65,9 @@ PrivateBus::PrivateBus() {
   address_ = firstLine(daemon_).toStdString();
 }
 
-PrivateBus::~PrivateBus() { end(daemon_); }
+PrivateBus::~PrivateBus() { stop(); }
+
+void PrivateBus::stop() { end(daemon_); }
 
 void PrivateBus::freeze() { freezeProgram(daemon_); }
 

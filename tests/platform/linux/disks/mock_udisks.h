@@ -23,6 +23,7 @@ class PrivateBus {
   const std::string& address() const { return address_; }
   // It takes connections, and is mute from now on.
   void freeze();
+  void stop();
 
  private:
   TemporaryFolder folder_;

@@ -455,6 +455,28 @@ TEST_F(UDisksArbitrationTest, hasNoSessionsWithoutABus) {
   EXPECT_EQ(session, nullptr);
 }
 
+TEST_F(UDisksArbitrationTest, losesItsDisksWithTheBus) {
+  begin();
+  udisks.plug({.mounted = true});
+  waitFor("+STICK");
+  bus.stop();
+  waitFor("-STICK");
+  EXPECT_EQ(disks->createSession({}), nullptr);
+  EXPECT_EQ(statusOf(&ports::DiskArbitration::unmount, arrived["STICK"]), ports::kDAReturnNotFound);
+}
+
+TEST_F(UDisksArbitrationTest, completesWhatTheBusTakesWithIt) {
+  begin();
+  udisks.plug({.mounted = true});
+  waitFor("+STICK");
+  udisks.freeze();
+  std::optional<std::optional<ports::Dissenter>> outcome;
+  disks->unmount(arrived["STICK"], [&](const auto& dissenter) { outcome = dissenter; });
+  queue.post([&] { bus.stop(); });
+  EXPECT_TRUE(loop.runUntil([&] { return outcome.has_value(); }));
+  EXPECT_TRUE(outcome->has_value());
+}
+
 TEST_F(UDisksArbitrationTest, doesNotWaitForABusThatIsMute) {
   bus.freeze();
   begin();
