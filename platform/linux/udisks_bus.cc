@@ -105,6 +105,13 @@ std::vector<std::string> texts(const QStringList& list) {
   return texts;
 }
 
+class Call : public QDBusPendingCallWatcher {
+ public:
+  Call(const QDBusPendingCall& call, QObject* parent, std::function<void(const QDBusMessage&)> whenReplied)
+      : QDBusPendingCallWatcher(call, parent), replied(std::move(whenReplied)) {}
+  const std::function<void(const QDBusMessage&)> replied;
+};
+
 QString newConnectionName() {
   static int made = 0;
   return QString("udisks-%1").arg(++made);
@@ -177,11 +184,11 @@ void UDisksBus::startDaemon() {
   });
 }
 
-void UDisksBus::askBus(const char* method, const QVariantList& arguments, Replied replied) {
+void UDisksBus::askBus(const char* method, const QVariantList& arguments, const Replied& replied) {
   auto message = QDBusMessage::createMethodCall(kBusName, kBusPath, kBusName, method);
   message.setArguments(arguments);
   send(message, place_.answersWithin,
-       [this, asked = connection_->name(), replied = std::move(replied)](const QDBusMessage& reply) {
+       [this, asked = connection_->name(), replied](const QDBusMessage& reply) {
          if (connection_ && connection_->name() == asked) replied(reply);
        });
 }
@@ -285,14 +292,13 @@ void UDisksBus::call(const std::string& path, const char* interface, const char*
   });
 }
 
-void UDisksBus::send(const QDBusMessage& message, std::chrono::milliseconds deadline, Replied replied) {
-  auto* watcher =
-      new QDBusPendingCallWatcher(connection_->asyncCall(message, static_cast<int>(deadline.count())), this);
-  connect(watcher, &QDBusPendingCallWatcher::finished, this,
-          [replied = std::move(replied)](QDBusPendingCallWatcher* finished) {
-            finished->deleteLater();
-            replied(finished->reply());
-          });
+void UDisksBus::send(const QDBusMessage& message, std::chrono::milliseconds deadline,
+                     const Replied& replied) {
+  auto* call = new Call(connection_->asyncCall(message, static_cast<int>(deadline.count())), this, replied);
+  connect(call, &QDBusPendingCallWatcher::finished, call, [call] {
+    call->deleteLater();
+    call->replied(call->reply());
+  });
 }
 
 }  // namespace platform::freedesktop

@@ -73,13 +73,13 @@ class UDisksBus : public QObject {
   void connectToBus();
   bool subscribe();
   void startDaemon();
-  void askBus(const char* method, const QVariantList& arguments, Replied replied);
+  void askBus(const char* method, const QVariantList& arguments, const Replied& replied);
   void setOwner(const QString& owner);
   void list();
   void takeList(const QDBusMessage& reply);
   void lose();
   bool isOurs(const QDBusMessage& signal, const char* signature) const;
-  void send(const QDBusMessage& message, std::chrono::milliseconds deadline, Replied replied);
+  void send(const QDBusMessage& message, std::chrono::milliseconds deadline, const Replied& replied);
 
   const Place place_;
   const std::function<void()> changed_;
