@@ -178,7 +178,8 @@ std::vector<UDisksDisk> disksOf(const UDisksObjects& objects, const std::string&
   std::vector<UDisksDisk> disks;
   const auto add = [&](UDisksDisk disk) {
     // An image of an optical disc on a stick shows as the whole stick and as its first partition.
-    if (std::ranges::find(disks, disk.bsdName, &UDisksDisk::bsdName) == disks.end()) disks.push_back(std::move(disk));
+    if (std::ranges::find(disks, disk.bsdName, &UDisksDisk::bsdName) == disks.end())
+      disks.push_back(std::move(disk));
   };
   for (const auto& [path, interfaces] : objects.all()) {
     const auto* block = objects.find(path, "Block");
