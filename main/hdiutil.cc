@@ -50,6 +50,8 @@ base::Result<std::unique_ptr<image::Volume>> openVolume(const image::MountReques
 
 base::Result<image::Mounted> mount(image::MountRequest request, std::optional<base::Secret> password) {
   request.volumesFolder = platform::posix::unregisteredVolumesFolder();
+  // Where it cannot be made, mounting says why.
+  platform::posix::makeFolders(request.volumesFolder);
   request.image = std::filesystem::absolute(request.image);
   // The process that is left behind does not keep the password.
   const auto open = [&] {

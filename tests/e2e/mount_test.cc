@@ -73,6 +73,12 @@ TEST_F(MountTool, leavesAServerThatHoldsNothingOfItsCallers) {
   EXPECT_FALSE(fs::exists(mountPoint));
 }
 
+TEST_F(MountTool, keepsTheFoldersThatItMakesToTheirUser) {
+  create();
+  ASSERT_EQ(shell("umask 022; " + hdiutil + " mount STICK.dmg").status, 0);
+  EXPECT_EQ(shell("cd '" + dataHome + "' && stat -c %a stashwick stashwick/Volumes").output, "700\n700\n");
+}
+
 TEST_F(MountTool, leavesAServerThatForgetsThePassword) {
   createEncrypted();
   ASSERT_EQ(shell("printf 'pass word\\0' | " + hdiutil + " mount STICK.dmg").status, 0);
