@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::uint64_t kLeastBytes = 512;
 
-std::vector<std::byte> headOf(const base::RandomAccess& file) {
+base::Result<std::vector<std::byte>> headOf(const base::RandomAccess& file) {
   std::vector<std::byte> head(std::min<std::uint64_t>(file.size(), crypt::ContainerHeader::kHeadBytes));
-  if (!file.read(0, head)) head.clear();
+  if (!file.read(0, head)) return base::Error{"its beginning cannot be read"};
   return head;
 }
 
@@ -22,14 +22,17 @@ std::vector<std::byte> headOf(const base::RandomAccess& file) {
 
 base::Result<void> OpenedImage::read(const base::RandomAccess& plain) {
   if (plain.size() < kLeastBytes) return base::Error{"not a disk image: it is too short"};
-  if (udif::hasTrailer(plain)) {
+  const auto hasTrailer = udif::hasTrailer(plain);
+  if (!hasTrailer) return hasTrailer.error();
+  if (*hasTrailer) {
     auto udif = udif::Image::open(plain);
     if (!udif) return udif.error();
     udif_ = *std::move(udif);
     setReading({});
   } else {
     std::array<std::byte, crypt::ContainerHeader::kVersion1EndBytes> end;
-    if (plain.read(plain.size() - end.size(), end) && crypt::ContainerHeader::isVersion1(end))
+    if (!plain.read(plain.size() - end.size(), end)) return base::Error{"its end cannot be read"};
+    if (crypt::ContainerHeader::isVersion1(end))
       return base::Error{"an encrypted image of version 1 is not supported"};
     if (plain.size() % block::kSectorBytes != 0)
       return base::Error{"not a disk image: it has no trailer, and its length is not a number of sectors"};
@@ -75,7 +78,9 @@ base::Result<std::unique_ptr<OpenedImage>> OpenedImage::withKeys(std::unique_ptr
                                                                  crypt::ContainerKeys keys) {
   std::unique_ptr<OpenedImage> opened(new OpenedImage);
   opened->file_ = std::move(file);
-  auto found = crypt::ContainerHeader::decode(headOf(*opened->file_));
+  const auto head = headOf(*opened->file_);
+  if (!head) return head.error();
+  auto found = crypt::ContainerHeader::decode(*head);
   if (!found) return found.error();
   if (found->keyEntry != header.keyEntry || found->dataBytes != header.dataBytes ||
       found->dataOffset != header.dataOffset || found->blockBytes != header.blockBytes)
@@ -90,10 +95,11 @@ base::Result<std::unique_ptr<OpenedImage>> OpenedImage::open(const std::string& 
   auto file = os::openFile(path);
   if (!file) return file.error();
   const auto head = headOf(**file);
-  if (!crypt::ContainerHeader::isContainer(head)) return plain(*std::move(file));
+  if (!head) return head.error();
+  if (!crypt::ContainerHeader::isContainer(*head)) return plain(*std::move(file));
   std::unique_ptr<OpenedImage> opened(new OpenedImage);
   opened->file_ = *std::move(file);
-  auto container = crypt::ContainerHeader::decode(head);
+  auto container = crypt::ContainerHeader::decode(*head);
   if (!container) return container.error();
   opened->container_ = *std::move(container);
   auto keys = password == nullptr ? std::nullopt : opened->container_->unwrap(*password);

@@ -41,10 +41,11 @@ bool DecryptedFile::read(std::uint64_t offset, std::span<std::byte> into) const 
   return true;
 }
 
-bool hasTrailer(const base::RandomAccess& file) {
+base::Result<bool> hasTrailer(const base::RandomAccess& file) {
   std::array<std::byte, 4> signature;
-  return file.size() >= kTrailerBytes && file.read(file.size() - kTrailerBytes, signature) &&
-         isTrailer(signature);
+  if (file.size() < kTrailerBytes) return false;
+  if (!file.read(file.size() - kTrailerBytes, signature)) return base::Error{"its trailer cannot be read"};
+  return isTrailer(signature);
 }
 
 base::Result<Image> Image::open(const base::RandomAccess& file) {

@@ -47,7 +47,7 @@ class DecryptedFile : public base::RandomAccess {
 };
 
 // Whether a file has the trailer of a UDIF image at its end.
-bool hasTrailer(const base::RandomAccess& file);
+base::Result<bool> hasTrailer(const base::RandomAccess& file);
 
 // A UDIF image that is open for reading. Any number of threads may read.
 class Image {

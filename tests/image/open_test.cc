@@ -75,6 +75,32 @@ TEST(OpenImage, findsTheVolumeInImagesOfEveryCompression) {
   }
 }
 
+// A file on a medium with a bad place.
+class FileWithBadPlace : public base::MemoryRandomAccess {
+ public:
+  FileWithBadPlace(const Bytes& file, std::uint64_t bad) : MemoryRandomAccess(file), bad_(bad) {}
+  bool read(std::uint64_t offset, std::span<std::byte> into) const override {
+    const bool isHit = bad_ >= offset && bad_ - offset < into.size();
+    return !isHit && MemoryRandomAccess::read(offset, into);
+  }
+
+ private:
+  std::uint64_t bad_;
+};
+
+TEST(OpenImage, saysThatTheEndCannotBeReadRatherThanThatItIsNoImage) {
+  const auto image = wholeDisk(RunType::zlib, bareVolume());
+  const auto bare = bareVolume();
+  const auto refusalWithBad = [](const Bytes& file, std::uint64_t fromEnd) {
+    const auto opened = OpenedImage::plain(std::make_unique<FileWithBadPlace>(file, file.size() - fromEnd));
+    return opened ? "it was opened" : opened.error().message;
+  };
+  EXPECT_EQ(refusalWithBad(image, udif::kTrailerBytes), "its trailer cannot be read");
+  EXPECT_EQ(refusalWithBad(image, 1), "its trailer cannot be read");
+  EXPECT_EQ(refusalWithBad(bare, udif::kTrailerBytes), "its trailer cannot be read");
+  EXPECT_EQ(refusalWithBad(bare, 1), "its end cannot be read");
+}
+
 TEST(OpenImage, takesADiskWithoutATrailer) {
   const auto opened = openBytes(bareVolume());
   ASSERT_TRUE(opened) << opened.error().message;

@@ -18,7 +18,9 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 std::string textOf(const Fault& fault) {
-  return fault.call + " " + std::to_string(fault.at) + " " + fault.kind + (fault.lasts ? " for ever" : "");
+  return fault.call +
+         (fault.place ? " of byte " + std::to_string(*fault.place) : " " + std::to_string(fault.at)) + " " +
+         fault.kind + (fault.lasts ? " for ever" : "");
 }
 
 class Faults : public testing::TestWithParam<Naming> {
@@ -50,20 +52,54 @@ class Faults : public testing::TestWithParam<Naming> {
     runs.removeImage();
   }
 
+  bool hasStruck(long place) const {
+    return std::ranges::any_of(runs.reads(), [=](const ImageRead& r) { return r.isStruck && r.has(place); });
+  }
+  // Nothing counts as read again but all that the failing call was to read.
+  bool wasReadAfterAll() const {
+    const auto reads = runs.reads();
+    const auto struck = std::ranges::find(reads, true, &ImageRead::isStruck);
+    return std::ranges::any_of(reads, [&](const ImageRead& r) {
+      return !r.isStruck && r.offset <= struck->offset && r.offset + r.size >= struck->offset + struck->size;
+    });
+  }
+
   FaultyRuns runs{GetParam()};
 };
 
 TEST_P(Faults, inWhatReadsOrWritesDataAreNeverPassedOver) {
   int code = ENODEV;
-  forEachCall({"read", "pread", "write", "pwrite", "fsync", "linkat", "renameat2", "ftruncate"},
-              [&](Fault fault) {
-                for (const bool lasts : {false, true}) {
-                  code = code == ENODEV ? ENOSPC : code == ENOSPC ? EIO : ENODEV;
-                  fault.kind = std::to_string(code);
-                  fault.lasts = lasts;
-                  expectRefused(fault, runs.create(fault));
-                }
-              });
+  forEachCall({"read", "write", "pwrite", "fsync", "linkat", "renameat2", "ftruncate"}, [&](Fault fault) {
+    for (const bool lasts : {false, true}) {
+      code = code == ENODEV ? ENOSPC : code == ENOSPC ? EIO : ENODEV;
+      fault.kind = std::to_string(code);
+      fault.lasts = lasts;
+      expectRefused(fault, runs.create(fault));
+    }
+  });
+}
+
+// Which call reads which part of the image changes from run to run, but not what is read: each part in turn
+// lies on a bad place of the medium, first for ever.
+TEST_P(Faults, inReadingTheImageAreNeverPassedOver) {
+  ASSERT_EQ(runs.create().status, 0);
+  runs.removeImage();
+  std::set<long> places;
+  for (const ImageRead& read : runs.reads()) places.insert(read.offset);
+  ASSERT_GE(places.size(), 3u);
+  for (const long place : places) {
+    Fault fault{.call = "pread", .kind = std::to_string(EIO), .lasts = true, .place = place};
+    expectRefused(fault, runs.create(fault));
+    EXPECT_TRUE(hasStruck(place)) << textOf(fault);
+    fault.lasts = false;
+    const auto run = runs.create(fault);
+    EXPECT_TRUE(hasStruck(place)) << textOf(fault);
+    // What was read ahead may be tried again when it is wanted.
+    if (run.status == 0 && wasReadAfterAll())
+      expectWhole(fault, run);
+    else
+      expectRefused(fault, run);
+  }
 }
 
 TEST_P(Faults, inWhatLooksAtFilesFailTheImageOrDoItNoHarm) {

@@ -32,10 +32,12 @@ FaultyRuns::FaultyRuns(Naming naming, std::string password)
 }
 
 std::string FaultyRuns::commandLine(const Fault& fault, const std::string& options) const {
-  std::string line = "FAULT_COUNTS=" + scratch_ / "counts";
+  std::string line = "FAULT_COUNTS=" + scratch_ / "counts" + " FAULT_READS=" + scratch_ / "reads";
   if (naming_ == Naming::hidden) line += " FAULT_NO_TMPFILE=1";
   if (!fault.call.empty())
-    line += " FAULT_CALL=" + fault.call + " FAULT_AT=" + std::to_string(fault.at) +
+    line += " FAULT_CALL=" + fault.call +
+            (fault.place ? " FAULT_PLACE=" + std::to_string(*fault.place)
+                         : " FAULT_AT=" + std::to_string(fault.at)) +
             " FAULT_KIND=" + fault.kind + (fault.lasts ? " FAULT_LASTS=1" : "");
   return line +
          " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
@@ -59,6 +61,18 @@ std::vector<Fault> FaultyRuns::everyCall() {
   for (Fault call; counts >> call.call >> call.at;)
     if (call.at != 0) calls.push_back(call);
   return calls;
+}
+
+std::vector<ImageRead> FaultyRuns::reads() const {
+  std::vector<ImageRead> reads;
+  std::istringstream lines(readFile(scratch_ / "reads"));
+  std::string outcome;
+  for (ImageRead read; lines >> read.offset >> read.size >> outcome;) {
+    read.isStruck = outcome == "struck";
+    reads.push_back(read);
+  }
+  std::ranges::sort(reads, {}, &ImageRead::offset);
+  return reads;
 }
 
 std::vector<std::string> FaultyRuns::names() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,17 @@ struct Fault {
   long at = 1;
   std::string kind{};
   bool lasts = false;
+  // Of pread, instead of `at`: an offset in the image.
+  std::optional<long> place{};
+};
+
+// A pread of the image that a run made.
+struct ImageRead {
+  long offset = 0;
+  long size = 0;
+  bool isStruck = false;
+
+  bool has(long place) const { return place >= offset && place - offset < size; }
 };
 
 enum class Naming { nameless, hidden };
@@ -30,6 +42,8 @@ class FaultyRuns {
   ProgramResult createPlain() const;
   // How often a run without faults makes each call that it makes at all.
   std::vector<Fault> everyCall();
+  // That the last run made, in the order of their beginnings.
+  std::vector<ImageRead> reads() const;
   // Everything in the image's folder.
   std::vector<std::string> names() const;
   // Empty when the image is whole and holds what the folder holds; otherwise what is wrong with it.

@@ -4,6 +4,10 @@
 //   FAULT_AT      at which call of that name, from 1
 //   FAULT_KIND    an errno's number; "short" for half of what was asked for; "kill-before" or "kill-after"
 //   FAULT_LASTS   when set, all calls from then on fail, too
+//   FAULT_PLACE   instead of FAULT_AT, for pread, which several threads call in any order: the first call
+//   that
+//                 is to read the byte at this offset, or with FAULT_LASTS every such call
+//   FAULT_READS   a file for lines "OFFSET BYTES struck|passed" at the program's end, for each pread
 //   FAULT_COUNTS  a file for lines "NAME CALLS" at the program's end
 //   FAULT_NO_TMPFILE  when set, nameless files are what the file system does not have
 //   FAULT_NO_MOUNT_ROOT  when set, folders on which something is mounted do not say so
@@ -17,9 +21,12 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <limits>
+#include <mutex>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -61,14 +68,20 @@ class Plan {
   Plan()
       : call_(setting("FAULT_CALL")), kind_(setting("FAULT_KIND")), lasts_(!setting("FAULT_LASTS").empty()) {
     if (const auto at = setting("FAULT_AT"); !at.empty()) at_ = std::atol(at.data());
+    if (const auto place = setting("FAULT_PLACE"); !place.empty()) place_ = std::atol(place.data());
   }
   ~Plan() {
-    const auto path = setting("FAULT_COUNTS");
-    if (path.empty()) return;
-    std::FILE* const out = std::fopen(path.data(), "w");
-    for (std::size_t call = 0; call < kCalls; ++call)
-      std::fprintf(out, "%s %ld\n", kNames[call], counts_[call].load());
-    std::fclose(out);
+    if (std::FILE* const out = open("FAULT_COUNTS")) {
+      for (std::size_t call = 0; call < kCalls; ++call)
+        std::fprintf(out, "%s %ld\n", kNames[call], counts_[call].load());
+      std::fclose(out);
+    }
+    if (std::FILE* const out = open("FAULT_READS")) {
+      const std::lock_guard lock(mutex_);
+      for (const Read& read : reads_)
+        std::fprintf(out, "%ld %zu %s\n", read.offset, read.size, read.isStruck ? "struck" : "passed");
+      std::fclose(out);
+    }
   }
   Plan(const Plan&) = delete;
   Plan& operator=(const Plan&) = delete;
@@ -78,20 +91,43 @@ class Plan {
     if (call_ == "writing") return isWriting(call) && isDue(++writing_);
     return call_ == kNames[call] && isDue(number);
   }
+  bool strikesRead(long offset, std::size_t size) {
+    const bool isDueAsCall = strikes(kPread);
+    const std::lock_guard lock(mutex_);
+    const bool isPlace = place_ >= offset && place_ - offset < static_cast<long>(size);
+    const bool isDueAsPlace = isPlace && call_ == kNames[kPread] && (lasts_ || !placeStruck_);
+    placeStruck_ |= isDueAsPlace;
+    reads_.push_back({offset, size, isDueAsCall || isDueAsPlace});
+    return reads_.back().isStruck;
+  }
   bool isKilling() const { return kind_.starts_with("kill"); }
   bool isShort() const { return kind_ == "short"; }
   bool killsBefore() const { return kind_ == "kill-before"; }
   int error() const { return std::atoi(kind_.data()); }
 
  private:
+  struct Read {
+    long offset;
+    std::size_t size;
+    bool isStruck;
+  };
+
+  static std::FILE* open(const char* name) {
+    const auto path = setting(name);
+    return path.empty() ? nullptr : std::fopen(path.data(), "w");
+  }
   bool isDue(long number) const { return number == at_ || (lasts_ && number > at_); }
 
   std::string_view call_;
   std::string_view kind_;
   bool lasts_;
-  long at_ = -1;
+  long at_ = std::numeric_limits<long>::max();
+  long place_ = -1;
   std::array<std::atomic<long>, kCalls> counts_{};
   std::atomic<long> writing_ = 0;
+  std::mutex mutex_;
+  bool placeStruck_ = false;
+  std::vector<Read> reads_;
 };
 
 Plan& plan() {
@@ -104,10 +140,11 @@ Plan& plan() {
   std::abort();
 }
 
-// Carries a call out as the plan has it; `half` does it for half of what was asked.
+// Carries a call out as the plan has it, once it is known whether it strikes; `half` does it for half of what
+// was asked.
 template <class Carry, class Half>
-auto carryOut(Call call, Carry carry, Half half) -> decltype(carry()) {
-  if (!plan().strikes(call)) return carry();
+auto carryOut(bool isStruck, Carry carry, Half half) -> decltype(carry()) {
+  if (!isStruck) return carry();
   if (plan().isKilling()) {
     if (!plan().killsBefore()) carry();
     die();
@@ -115,6 +152,10 @@ auto carryOut(Call call, Carry carry, Half half) -> decltype(carry()) {
   if (plan().isShort()) return half();
   errno = plan().error();
   return -1;
+}
+template <class Carry, class Half>
+auto carryOut(Call call, Carry carry, Half half) -> decltype(carry()) {
+  return carryOut(plan().strikes(call), carry, half);
 }
 template <class Carry>
 auto carryOut(Call call, Carry carry) -> decltype(carry()) {
@@ -168,7 +209,7 @@ ssize_t read(int file, void* into, std::size_t size) {
 ssize_t pread64(int file, void* into, std::size_t size, off_t offset) {
   static const auto real = next<ssize_t (*)(int, void*, std::size_t, off_t)>("pread64");
   return carryOut(
-      kPread, [&] { return real(file, into, size, offset); },
+      plan().strikesRead(offset, size), [&] { return real(file, into, size, offset); },
       [&] { return real(file, into, halfOf(size), offset); });
 }
 
