@@ -132,9 +132,8 @@ class Layout {
   };
   void putHeaders(const SpecialForks& forks) {
     const std::vector<std::byte> header = makeHeader(forks);
-    Piece first{0, std::vector<std::byte>(kHeaderOffset)};
-    first.bytes.insert(first.bytes.end(), header.begin(), header.end());
-    first.bytes.resize(kBlockBytes);
+    Piece first{0, std::vector<std::byte>(kBlockBytes)};
+    std::ranges::copy(header, first.bytes.begin() + kHeaderOffset);
     Piece alternate{options_.bytes - kHeaderOffset, header};
     alternate.bytes.resize(kHeaderOffset);
     pieces_.push_back(std::move(first));
