@@ -15,6 +15,7 @@ namespace platform::freedesktop {
 namespace {
 
 constexpr std::string_view kVolumes = "/Volumes/";
+constexpr double kSecondsForMountPoint = 5;
 
 using ports::DiskCompletion;
 using ports::DiskRef;
@@ -79,6 +80,12 @@ struct UDisksArbitration::Present {
   bool wasAnnouncedMounted = false;
 };
 
+// A mount that the daemon has made and has not told of yet.
+struct UDisksArbitration::Mounting {
+  std::string block;
+  DiskCompletion done;
+};
+
 UDisksArbitration::UDisksArbitration(const Surroundings& surroundings, Settings settings)
     : around_(surroundings),
       settings_(std::move(settings)),
@@ -127,6 +134,7 @@ void UDisksArbitration::reconcile() {
       update(*known, std::move(disk));
     }
   }
+  completeMounts();
 }
 
 // Whether what is there now has to be told as another disk.
@@ -283,10 +291,32 @@ void UDisksArbitration::mountNow(const PresentRef& present, bool asksForPassword
     return done(Dissenter{ports::kDAReturnBusy, "it is mounted already"});
   bus_->call(present->found.block, "Filesystem", "Mount", {optionsForUser(asksForPassword)},
              settings_.actsWithin, [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
-               if (!reply.dissenter) bus_->noteMountPoint(block, reply.text);
-               reconcile();
-               done(reply.dissenter);
+               if (reply.dissenter) return done(reply.dissenter);
+               completeOnceMounted(block, done);
              });
+}
+
+// The daemon answers before, or after, it tells of the mount point.
+void UDisksArbitration::completeOnceMounted(const std::string& block, const DiskCompletion& done) {
+  const auto mounting = std::make_shared<Mounting>(Mounting{block, done});
+  mounting_.push_back(mounting);
+  completeMounts();
+  around_.queue.postAfter(kSecondsForMountPoint,
+                          [this, self = std::weak_ptr(self_), weak = std::weak_ptr(mounting)] {
+                            const auto waiting = weak.lock();
+                            if (self.lock() && waiting) complete(waiting);
+                          });
+}
+
+void UDisksArbitration::completeMounts() {
+  for (const auto& mounting : std::vector(mounting_)) {
+    const auto* fileSystem = bus_->objects().find(mounting->block, "Filesystem");
+    if (fileSystem == nullptr || !firstTextOf(*fileSystem, "MountPoints").empty()) complete(mounting);
+  }
+}
+
+void UDisksArbitration::complete(const std::shared_ptr<Mounting>& mounting) {
+  if (std::erase(mounting_, mounting) > 0) mounting->done(std::nullopt);
 }
 
 void UDisksArbitration::unmountNow(const PresentRef& present, const DiskCompletion& done) {
@@ -296,7 +326,7 @@ void UDisksArbitration::unmountNow(const PresentRef& present, const DiskCompleti
   if (!isPresent(present)) return done(kGone);
   bus_->call(present->found.block, "Filesystem", "Unmount", {optionsForUser(true)}, settings_.actsWithin,
              [this, block = present->found.block, done](const UDisksBus::Reply& reply) {
-               if (!reply.dissenter) bus_->noteMountPoint(block, "");
+               if (!reply.dissenter) bus_->noteUnmounted(block);
                reconcile();
                done(reply.dissenter);
              });

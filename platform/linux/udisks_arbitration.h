@@ -78,6 +78,7 @@ class UDisksArbitration : public ports::DiskArbitration {
  private:
   class Disk;
   struct Present;
+  struct Mounting;
   using PresentRef = std::shared_ptr<Present>;
 
   void later(std::function<void()> act);
@@ -99,12 +100,16 @@ class UDisksArbitration : public ports::DiskArbitration {
   std::vector<ports::DiskRef> announced() const;
 
   void mountNow(const PresentRef& present, bool asksForPassword, const ports::DiskCompletion& done);
+  void completeOnceMounted(const std::string& block, const ports::DiskCompletion& done);
+  void complete(const std::shared_ptr<Mounting>& mounting);
+  void completeMounts();
   void unmountNow(const PresentRef& present, const ports::DiskCompletion& done);
   void ejectNow(const PresentRef& present, const ports::DiskCompletion& done);
 
   const Surroundings around_;
   const Settings settings_;
   std::vector<PresentRef> present_;  // in order of arrival
+  std::vector<std::shared_ptr<Mounting>> mounting_;
   posix::DiskSessions sessions_;
   // Tells closures that are still on their way to the main thread that this is gone.
   std::shared_ptr<UDisksArbitration*> self_;

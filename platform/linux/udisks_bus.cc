@@ -231,10 +231,8 @@ void UDisksBus::lose() {
   state_ = State::unreached;
 }
 
-void UDisksBus::noteMountPoint(const std::string& block, const std::string& mountPoint) {
-  base::PropertyList::Array list;
-  if (!mountPoint.empty()) list.emplace_back(mountPoint);
-  objects_.change(block, "Filesystem", {{"MountPoints", std::move(list)}}, {});
+void UDisksBus::noteUnmounted(const std::string& block) {
+  objects_.change(block, "Filesystem", {{"MountPoints", base::PropertyList::Array{}}}, {});
 }
 
 void UDisksBus::disconnected(const QDBusMessage&) {
@@ -286,9 +284,9 @@ void UDisksBus::call(const std::string& path, const char* interface, const char*
   send(message, deadline, [done = std::move(done)](const QDBusMessage& reply) {
     if (reply.type() != QDBusMessage::ReplyMessage) {
       return done(
-          {dissenterFromBusError(reply.errorName().toStdString(), reply.errorMessage().toStdString()), ""});
+          {dissenterFromBusError(reply.errorName().toStdString(), reply.errorMessage().toStdString())});
     }
-    done({std::nullopt, reply.arguments().value(0).toString().toStdString()});
+    done({});
   });
 }
 

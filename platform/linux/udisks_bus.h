@@ -26,10 +26,9 @@ class UDisksBus : public QObject {
   Q_OBJECT
 
  public:
-  // What a method returned, as texts, or why it did not.
+  // Without a dissenter the method has done what it is for.
   struct Reply {
     std::optional<ports::Dissenter> dissenter;
-    std::string text;  // its first argument, where that is a text
   };
   using Done = std::function<void(const Reply&)>;
 
@@ -48,8 +47,8 @@ class UDisksBus : public QObject {
   bool reach();
 
   const UDisksObjects& objects() const { return objects_; }
-  // The mount point as a reply has told it; the signal that tells it as well may be late. Empty: none.
-  void noteMountPoint(const std::string& block, const std::string& mountPoint);
+  // A reply has told that nothing is mounted there any more; the signal that tells it as well may be late.
+  void noteUnmounted(const std::string& block);
   // Whether the objects that were there before us have been told.
   bool hasListed() const { return state_ == State::listed; }
 

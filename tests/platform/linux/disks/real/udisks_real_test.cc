@@ -61,7 +61,9 @@ class LoopDisk {
     hasPartition_ = true;
   }
   void deletePartition() {
-    if (std::exchange(hasPartition_, false)) run("delpart", {device_, "1"});
+    if (!std::exchange(hasPartition_, false)) return;
+    run("udevadm", {"settle"});  // while it looks into the partition, that cannot be deleted
+    run("delpart", {device_, "1"});
   }
   void attach() { device_ = QString::fromStdString(run("losetup", {"--find", "--show", file()})); }
   // A partition that stays would be the next disk's as well.
