@@ -40,6 +40,15 @@ std::string quoted(const std::string& text) {
   return quotedText + "'";
 }
 
+// A restore that was killed may have left no folder.
+Outcome makeMissingFolder(Session& session, const std::string& to) {
+  if (to.find('/') == to.npos || session.host().files.fileExists(to)) return Exit::done;
+  const auto agreed = session.agree("There is no folder " + quoted(to) + ". Make it?");
+  if (!agreed) return agreed;
+  if (session.host().files.createDirectory(to)) return Exit::done;
+  return Problem{Exit::failed, "cannot make the folder " + quoted(to)};
+}
+
 // Everything that stands between the wish and the erasing.
 Outcome prepare(Session& session, const Backup& backup, const ZQRemovableDevice& target) {
   const std::string& volume = target.name();
@@ -116,6 +125,8 @@ Outcome restoreBackup(Session& session, const std::string& name, const std::opti
   const std::string device = backup->instance->device();
   if (device.empty())
     return Problem{Exit::usage, "the image has no manifest that tells its volume; see stashwickctl extract"};
+  const auto made = makeMissingFolder(session, to.value_or(device));
+  if (!made) return made;
   const auto target = session.volume(to.value_or(device));
   if (!target) return target.problem();
   const std::string volume = (*target)->name();

@@ -134,6 +134,26 @@ TEST_F(Ctl, restoresAnEncryptedBackupToAnotherFolder) {
   EXPECT_EQ(shell("diff -r --no-dereference STICK OTHER").status, 0);
 }
 
+TEST_F(Ctl, restoresOntoAFolderThatAKilledRestoreRemoved) {
+  backUpStick();
+  ASSERT_EQ(shell("mv STICK kept").status, 0);
+  const auto asked = openCtl({"restore", "STICK/1", "--to", "./STICK"});
+  asked->expect("There is no folder './STICK'. Make it? [y/N] ");
+  asked->type("n\n");
+  EXPECT_EQ(asked->wait(), 1);
+  EXPECT_FALSE(fs::exists(temporary / "STICK"));
+  const auto run = ctl({"restore", "STICK/1", "--to", temporary / "STICK", "--yes"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(shell("diff -r --no-dereference STICK kept").status, 0);
+}
+
+TEST_F(Ctl, tellsThatAFolderCannotBeMade) {
+  backUpStick();
+  const auto run = ctl({"restore", "STICK/1", "--to", temporary / "STICK/notes.txt/folder", "--yes"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.errors, HasSubstr("cannot make the folder"));
+}
+
 TEST_F(Ctl, restoresNothingUnasked) {
   backUpStick();
   EXPECT_EQ(ctl({"restore", "STICK/1", "--to", temporary / "STICK"}).status, 2);
