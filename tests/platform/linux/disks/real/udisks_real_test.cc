@@ -57,18 +57,13 @@ class LoopDisk {
   }
   // Tells the kernel of the one partition: not every kernel reads tables.
   void addPartition() {
-    run("addpart", {device_, "1", "2048", "24576"});
-    hasPartition_ = true;
+    const auto known = "/sys/class/block/" + device_.section('/', -1) + "p1";
+    run("sh", {"-c", "test -d " + known + " || addpart " + device_ + " 1 2048 24576"});
   }
-  void deletePartition() {
-    if (!std::exchange(hasPartition_, false)) return;
-    run("udevadm", {"settle"});  // while it looks into the partition, that cannot be deleted
-    run("delpart", {device_, "1"});
+  void attach() {
+    device_ = QString::fromStdString(run("losetup", {"--find", "--show", "--partscan", file()}));
   }
-  void attach() { device_ = QString::fromStdString(run("losetup", {"--find", "--show", file()})); }
-  // A partition that stays would be the next disk's as well.
   void detach() {
-    deletePartition();
     if (!device_.isEmpty()) run("losetup", {"--detach", std::exchange(device_, {})});
   }
 
@@ -77,7 +72,6 @@ class LoopDisk {
 
   TemporaryFolder folder_;
   QString device_;
-  bool hasPartition_ = false;
 };
 
 class UDisksRealTest : public testing::Test {
@@ -173,7 +167,7 @@ TEST_F(UDisksRealTest, knowsAPartitionByItsGUID) {
   EXPECT_EQ(text(disk, "DAMediaUUID"), "0FC63DAF-8483-4772-8E79-3D69D8477DE4");
   EXPECT_EQ(base::findNumber(disks.copyDescription(disk), "DAMediaSize"), 12 << 20);
   EXPECT_THAT(text(disk, "DAMediaBSDName"), testing::MatchesRegex("disk[0-9]+s1"));
-  loopDisk.deletePartition();
+  loopDisk.detach();
   EXPECT_TRUE(waitFor("-" + loopDisk.label));
 }
 
