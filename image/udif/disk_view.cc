@@ -81,14 +81,64 @@ class Streams {
   std::uint64_t now_ = 0;
 };
 
-// The plain bytes of a run, or what they are to be. All but `bytes` and `error` of a chunk that is being made
+// A chunk's bytes; not set when they are made.
+struct Buffer {
+  std::unique_ptr<std::byte[]> memory;
+  std::size_t capacity = 0;
+  std::size_t size = 0;
+
+  std::span<std::byte> bytes() const { return {memory.get(), size}; }
+};
+
+// The memory of chunks that are gone, for those that come: fresh memory costs as much as what is done in it.
+// Any number of threads may call.
+class Buffers {
+ public:
+  // mostBytes: of those that wait.
+  explicit Buffers(std::uint64_t mostBytes) : mostBytes_(mostBytes) {}
+
+  Buffer take(std::size_t size) {
+    {
+      const base::MutexLock lock(mutex_);
+      if (!free_.empty() && free_.back().capacity >= size) {
+        Buffer buffer = std::move(free_.back());
+        free_.pop_back();
+        freeBytes_ -= buffer.capacity;
+        buffer.size = size;
+        return buffer;
+      }
+    }
+    return {std::make_unique_for_overwrite<std::byte[]>(size), size, size};
+  }
+
+  void give(Buffer buffer) {
+    const base::MutexLock lock(mutex_);
+    if (buffer.capacity == 0 || freeBytes_ + buffer.capacity > mostBytes_) return;
+    freeBytes_ += buffer.capacity;
+    free_.push_back(std::move(buffer));
+  }
+
+ private:
+  const std::uint64_t mostBytes_;
+  base::Mutex mutex_;
+  std::vector<Buffer> free_ GUARDED_BY(mutex_);
+  std::uint64_t freeBytes_ GUARDED_BY(mutex_) = 0;
+};
+
+// The plain bytes of a run, or what they are to be. All but `plain` and `error` of a chunk that is being made
 // is guarded by the view's mutex; what is ready or failed does not change any more.
 struct Chunk {
   enum class State { waiting, making, ready, failed };
 
-  std::size_t segment = 0;
+  Chunk(std::size_t which, Buffers& memory) : segment(which), buffers(memory) {}
+  ~Chunk() { buffers.give(std::move(plain)); }
+  Chunk(const Chunk&) = delete;
+  Chunk& operator=(const Chunk&) = delete;
+
+  const std::size_t segment;
+  Buffers& buffers;
   State state = State::waiting;
-  std::vector<std::byte> bytes{};
+  Buffer plain{};
   base::Error error{};
 };
 using ChunkPointer = std::shared_ptr<Chunk>;
@@ -107,6 +157,7 @@ class DiskView::State {
       : image_(image),
         segments_(segmentsOf(image)),
         cacheBytes_(options.cacheBytes),
+        buffers_(options.cacheBytes / 4),
         workers_(options.workers != 0 ? options.workers : std::max(1u, std::thread::hardware_concurrency())) {
   }
   ~State();
@@ -125,7 +176,7 @@ class DiskView::State {
   base::Result<ChunkPointer> demand(std::size_t segment);
   // Of a chunk that this thread has set to `making`.
   void make(Chunk& chunk);
-  base::Result<std::vector<std::byte>> decode(const Segment& segment, Workbench& bench) const;
+  base::Result<Buffer> decode(const Segment& segment, Workbench& bench);
   // Has what follows a segment made, as far as readEnd and as somebody who reads on and on will want it.
   void lookAhead(std::size_t segment, std::uint64_t readEnd);
   std::size_t wantedAfter(std::size_t segment, std::uint64_t readEnd) REQUIRES(mutex_);
@@ -142,6 +193,7 @@ class DiskView::State {
   const Image& image_;
   const std::vector<Segment> segments_;
   const std::uint64_t cacheBytes_;
+  Buffers buffers_;
   const unsigned workers_;
 
   base::Mutex mutex_;
@@ -198,7 +250,7 @@ base::Result<void> DiskView::State::readSegment(std::size_t at, std::uint64_t of
   if (segment.isRaw()) return image_.readRaw(*segment.table, *segment.run, inRun, into);
   const auto chunk = demand(at);
   if (!chunk) return chunk.error();
-  std::ranges::copy(std::span((*chunk)->bytes).subspan(inRun, into.size()), into.begin());
+  std::ranges::copy((*chunk)->plain.bytes().subspan(inRun, into.size()), into.begin());
   return {};
 }
 
@@ -231,7 +283,7 @@ void DiskView::State::make(Chunk& chunk) {
     base::MutexLock lock(mutex_);
     benches_.push_back(std::move(bench));
     if (made) {
-      chunk.bytes = *std::move(made);
+      chunk.plain = *std::move(made);
       chunk.state = Chunk::State::ready;
     } else {
       chunk.error = made.error();
@@ -244,12 +296,12 @@ void DiskView::State::make(Chunk& chunk) {
   made_.notify_all();
 }
 
-base::Result<std::vector<std::byte>> DiskView::State::decode(const Segment& segment, Workbench& bench) const {
+base::Result<Buffer> DiskView::State::decode(const Segment& segment, Workbench& bench) {
   if (auto checked = checkCompressed(*segment.run, segment.table->name); !checked) return checked.error();
   bench.stored.resize(segment.run->length);
   if (auto read = image_.readStored(*segment.table, *segment.run, bench.stored); !read) return read.error();
-  std::vector<std::byte> plain(segment.runBytes());
-  if (auto done = bench.decoder.decode(*segment.run, segment.table->name, bench.stored, plain); !done)
+  Buffer plain = buffers_.take(segment.runBytes());
+  if (auto done = bench.decoder.decode(*segment.run, segment.table->name, bench.stored, plain.bytes()); !done)
     return done.error();
   return plain;
 }
@@ -304,8 +356,7 @@ ChunkPointer DiskView::State::touch(std::size_t segment) {
     recent_.splice(recent_.begin(), recent_, found->second.place);
     return found->second.chunk;
   }
-  auto chunk = std::make_shared<Chunk>();
-  chunk->segment = segment;
+  auto chunk = std::make_shared<Chunk>(segment, buffers_);
   recent_.push_front(segment);
   chunks_.emplace(segment, Cached{chunk, recent_.begin()});
   cachedBytes_ += segments_[segment].runBytes();
