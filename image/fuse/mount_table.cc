@@ -77,7 +77,6 @@ std::string Server::text() const {
 
 std::optional<Server> Server::parse(std::string_view text) {
   if (!text.starts_with(kSourcePrefix)) return std::nullopt;
-  Server server;
   std::array<std::int64_t, 6> numbers{};
   const char* at = text.data() + kSourcePrefix.size();
   const char* const end = text.data() + text.size();
