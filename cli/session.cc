@@ -28,7 +28,8 @@ class Session::Activity {
       : around_(around), text_(text), begin_(around.host.dates.now()) {
     if (!around.streams.errorIsTerminal || options.quiet || text.empty()) return;
     self_ = std::make_shared<Activity*>(this);
-    draw();
+    // What the tool before told is still there.
+    draw(std::nullopt);
   }
   ~Activity() {
     if (self_) around_.streams.error << "\r\033[K" << std::flush;
@@ -37,15 +38,23 @@ class Session::Activity {
   Activity& operator=(const Activity&) = delete;
 
  private:
-  static constexpr double kInterval = 0.5;  // seconds
+  static constexpr double kInterval = 0.2;  // seconds
 
-  void draw() {
+  static std::string bar(std::optional<double> fraction) {
+    constexpr std::size_t kWidth = 24;
+    if (!fraction) return " ... ";
+    const auto filled = static_cast<std::size_t>(*fraction * kWidth);
+    return " [" + std::string(filled, '#') + std::string(kWidth - filled, ' ') + "] " +
+           std::to_string(static_cast<int>(*fraction * 100)) + "% ";
+  }
+
+  void draw(std::optional<double> fraction) {
     const auto seconds = static_cast<long>(around_.host.dates.now().unix() - begin_.unix());
     const auto rest = std::to_string(seconds % 60);
-    around_.streams.error << "\r\033[K" << shownText(text_) << " ... " << seconds / 60 << ':'
+    around_.streams.error << "\r\033[K" << shownText(text_) << bar(fraction) << seconds / 60 << ':'
                           << (rest.size() < 2 ? "0" : "") << rest << std::flush;
     around_.host.mainQueue.postAfter(kInterval, [weak = std::weak_ptr(self_)] {
-      if (const auto self = weak.lock()) (*self)->draw();
+      if (const auto self = weak.lock()) (*self)->draw((*self)->around_.toolProgress());
     });
   }
 

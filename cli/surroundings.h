@@ -92,6 +92,8 @@ struct Surroundings {
   // Serves the main queue until the condition holds; false when the program is interrupted first, which has
   // ended the running tools then.
   std::function<bool(const std::function<bool()>&)> serveUntil;
+  // How far the running tool is, from 0 to 1; nullopt when it does not tell.
+  std::function<std::optional<double>()> toolProgress;
   Streams streams;
 };
 

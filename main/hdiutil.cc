@@ -1,7 +1,10 @@
 #include "tools/hdiutil.h"
 
+#include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -67,21 +70,37 @@ base::Result<std::string> unmount(image::UnmountRequest request) {
   return image::fuse::unmount(request);
 }
 
+// Whoever runs this tool may follow its progress in a file that it hands on as this descriptor, with the
+// variable set: "PERCENT:041.250000" stands there.
+constexpr int kProgressDescriptor = STDERR_FILENO + 1;
+constexpr const char* kProgressVariable = "HDIUTIL_PROGRESS";
+
+void tellProgress(double fraction) {
+  std::array<char, 32> text{};
+  const int length = std::snprintf(text.data(), text.size(), "PERCENT:%010.6f\n", 100 * fraction);
+  // Nobody is helped by a backup that fails because it cannot be watched.
+  [[maybe_unused]] const auto written =
+      ::pwrite(kProgressDescriptor, text.data(), static_cast<std::size_t>(length), 0);
+}
+
 // A server is left behind: it must not hold what it was never meant to have, as the lock of a script.
-void closeInheritedFiles() { ::close_range(STDERR_FILENO + 1, ~0U, 0); }
+void closeInheritedFiles(int first) { ::close_range(static_cast<unsigned>(first), ~0U, 0); }
 
 }  // namespace
 
 int main(int count, char** arguments) {
   // A crash must not leave a password or key in a core file.
   ::prctl(PR_SET_DUMPABLE, 0);
-  closeInheritedFiles();
+  const bool isFollowed = std::getenv(kProgressVariable) != nullptr;
+  closeInheritedFiles(kProgressDescriptor + (isFollowed ? 1 : 0));
   watchSignals();
-  return tools::hdiutil({arguments + 1, arguments + count}, {.out = std::cout,
-                                                             .error = std::cerr,
-                                                             .readPassword = readPassword,
-                                                             .errorIsTerminal = ::isatty(2) == 1,
-                                                             .cancelled = interrupted,
-                                                             .mount = mount,
-                                                             .unmount = unmount});
+  return tools::hdiutil({arguments + 1, arguments + count},
+                        {.out = std::cout,
+                         .error = std::cerr,
+                         .readPassword = readPassword,
+                         .errorIsTerminal = ::isatty(2) == 1,
+                         .tellProgress = isFollowed ? std::function(tellProgress) : nullptr,
+                         .cancelled = interrupted,
+                         .mount = mount,
+                         .unmount = unmount});
 }

@@ -108,6 +108,7 @@ int runCommand(const std::vector<std::string>& arguments) {
   posix::PosixFiles walkedFiles(paths);
   posix::PosixToolRuns tools(paths, log);
   posix::PosixToolRuns lastTools(paths, log);
+  tools.followProgress();
   loop.handleSignals(kQuitSignals, [&](int) {
     isInterrupted = true;
     walkedFiles.stop();
@@ -139,6 +140,7 @@ int runCommand(const std::vector<std::string>& arguments) {
                            .walkedFiles = walkedFiles,
                            .lastTools = lastTools,
                            .serveUntil = [&loop](const auto& done) { return loop.runUntil(done); },
+                           .toolProgress = [&tools] { return tools.progress(); },
                            .streams = streams()});
   std::cout.flush();
   const auto interrupted = static_cast<int>(cli::Exit::interrupted);

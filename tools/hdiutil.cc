@@ -41,6 +41,19 @@ base::Result<std::unique_ptr<image::OpenedImage>> openImage(const std::string& p
   return image::OpenedImage::open(path, &*password);
 }
 
+std::unique_ptr<ProgressDisplay> showProgress(const Arguments& arguments,
+                                              const image::udif::Progress& progress,
+                                              const HdiutilHost& host) {
+  using Style = ProgressDisplay::Style;
+  const bool watches = host.errorIsTerminal && !arguments.has("-verbose");
+  const auto style = arguments.has("-puppetstrings") ? Style::percentLines
+                     : watches                       ? Style::bar
+                                                     : Style::silent;
+  const bool onOutput = style == Style::percentLines && !arguments.has("-plist");
+  return std::make_unique<ProgressDisplay>(progress, style, onOutput ? host.out : host.error,
+                                           host.tellProgress);
+}
+
 int hdiutil(const std::vector<std::string>& arguments, const HdiutilHost& host) {
   for (const Verb& verb : kVerbs)
     if (!arguments.empty() && arguments[0] == verb.name) return verb.run(arguments, host);

@@ -20,6 +20,8 @@ struct HdiutilHost {
   std::function<base::Result<base::Secret>()> readPassword;
   // Whether a person watches `error`.
   bool errorIsTerminal = false;
+  // Told from time to time how much of an image is made, from 0 to 1, on any thread; may be empty.
+  std::function<void(double)> tellProgress{};
   // Set when the person interrupts.
   const std::atomic<bool>& cancelled;
   // Where images are mounted is the host's affair: volumesFolder is left for it to fill in. The password is

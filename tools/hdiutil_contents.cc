@@ -13,7 +13,6 @@
 #include "image/extract.h"
 #include "image/volume.h"
 #include "tools/hdiutil_verbs.h"
-#include "tools/progress_display.h"
 
 namespace tools {
 
@@ -240,17 +239,6 @@ base::Result<void> listVolume(const Arguments& arguments, const HdiutilHost& hos
   listing.finish();
   if (!host.out) return base::Error{"cannot write to standard output"};
   return {};
-}
-
-// Lines for programs when they are asked for, a bar for a person who watches.
-std::unique_ptr<ProgressDisplay> showProgress(const Arguments& arguments,
-                                              const image::udif::Progress& progress,
-                                              const HdiutilHost& host) {
-  using Style = ProgressDisplay::Style;
-  if (arguments.has("-puppetstrings"))
-    return std::make_unique<ProgressDisplay>(progress, Style::percentLines, host.out);
-  if (!host.errorIsTerminal || arguments.has("-verbose")) return nullptr;
-  return std::make_unique<ProgressDisplay>(progress, Style::bar, host.error);
 }
 
 base::Result<image::ExtractReport> extractVolume(const Arguments& arguments, const HdiutilHost& host) {

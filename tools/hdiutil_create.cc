@@ -4,7 +4,6 @@
 #include "base/xml_property_list.h"
 #include "image/create.h"
 #include "tools/hdiutil_verbs.h"
-#include "tools/progress_display.h"
 
 namespace tools {
 
@@ -82,19 +81,6 @@ base::Result<std::optional<image::Encryption>> readEncryption(const Arguments& a
   return std::optional(image::Encryption{*method, std::move(*password)});
 }
 
-// Lines for programs when they are asked for, a bar for a person who watches and sees no phases. With -plist
-// standard output belongs to the property list.
-std::unique_ptr<ProgressDisplay> progressDisplay(const Arguments& arguments,
-                                                 const image::udif::Progress& progress,
-                                                 const HdiutilHost& host) {
-  using Style = ProgressDisplay::Style;
-  if (arguments.has("-puppetstrings"))
-    return std::make_unique<ProgressDisplay>(progress, Style::percentLines,
-                                             arguments.has("-plist") ? host.error : host.out);
-  if (!host.errorIsTerminal || arguments.has("-verbose")) return nullptr;
-  return std::make_unique<ProgressDisplay>(progress, Style::bar, host.error);
-}
-
 }  // namespace
 
 int create(const std::vector<std::string>& given, const HdiutilHost& host) {
@@ -118,7 +104,7 @@ int create(const std::vector<std::string>& given, const HdiutilHost& host) {
   image::udif::Progress progress;
   request->progress = &progress;
   const auto report = [&] {
-    const auto display = progressDisplay(*arguments, progress, host);
+    const auto display = showProgress(*arguments, progress, host);
     return image::createImage(*request);
   }();
   if (!report) return fail(host, "create", report.error().message);

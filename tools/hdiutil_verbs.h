@@ -9,6 +9,7 @@
 #include "image/open.h"
 #include "tools/arguments.h"
 #include "tools/hdiutil.h"
+#include "tools/progress_display.h"
 
 namespace tools {
 
@@ -43,5 +44,10 @@ base::Result<std::unique_ptr<image::OpenedImage>> openImage(const Arguments& arg
 base::Result<std::unique_ptr<image::OpenedImage>> openImage(const std::string& path,
                                                             const Arguments& arguments,
                                                             const HdiutilHost& host);
+
+// Shows how far the verb is until the display goes away: lines for programs when they are asked for (with
+// -plist standard output belongs to the property list), a bar for a person who watches and sees no phases.
+std::unique_ptr<ProgressDisplay> showProgress(const Arguments& arguments,
+                                              const image::udif::Progress& progress, const HdiutilHost& host);
 
 }  // namespace tools

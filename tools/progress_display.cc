@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <ostream>
+#include <utility>
 
 #include "base/byte_text.h"
 
@@ -44,8 +45,13 @@ std::string barText(const ProgressMoment& moment) {
   return text + formatted("  %ld:%02ld left", left / 60, left % 60);
 }
 
-ProgressDisplay::ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out)
-    : progress_(progress), style_(style), out_(out), thread_([this](const std::stop_token& stop) {
+ProgressDisplay::ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out,
+                                 Listener listener)
+    : progress_(progress),
+      style_(style),
+      out_(out),
+      listener_(std::move(listener)),
+      thread_([this](const std::stop_token& stop) {
         std::unique_lock lock(mutex_);
         while (!ended_.wait_for(lock, stop, kInterval, [&] { return stop.stop_requested(); })) show();
       }) {}
@@ -60,9 +66,10 @@ ProgressDisplay::~ProgressDisplay() {
 void ProgressDisplay::show() {
   const ProgressMoment moment{progress_.sectorsDone, progress_.sectorsTotal, Clock::now() - begin_};
   if (moment.sectorsTotal == 0) return;
+  if (listener_) listener_(fractionOf(moment));
   if (style_ == Style::bar)
     out_ << "\r" << barText(moment) << "  " << std::flush;
-  else
+  else if (style_ == Style::percentLines)
     out_ << percentLine(moment) << "\n" << std::flush;
 }
 

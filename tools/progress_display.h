@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <iosfwd>
 #include <mutex>
 #include <string>
@@ -26,10 +27,12 @@ std::string barText(const ProgressMoment& moment);
 // Shows the progress a few times a second from a thread of its own, until it goes away.
 class ProgressDisplay {
  public:
-  enum class Style { percentLines, bar };
+  enum class Style { percentLines, bar, silent };
+  // From 0 to 1. Called on the display's thread.
+  using Listener = std::function<void(double fraction)>;
 
-  // Both outlive the display; nobody else writes to `out` meanwhile.
-  ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out);
+  // Both outlive the display; nobody else writes to `out` meanwhile. The listener may be empty.
+  ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out, Listener listener);
   // Shows the end, where it was reached.
   ~ProgressDisplay();
 
@@ -41,6 +44,7 @@ class ProgressDisplay {
   const image::udif::Progress& progress_;
   Style style_;
   std::ostream& out_;
+  const Listener listener_;
   Clock::time_point begin_ = Clock::now();
   std::mutex mutex_;
   std::condition_variable_any ended_;

@@ -1,10 +1,13 @@
 #include "platform/posix/posix_tool_runs.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -32,10 +35,14 @@ class SecretPipe : public ports::InputPipe {
   bool closed_ = false;
 };
 
-// What posix_spawn() is asked for: default signals, the tool's streams, and no other descriptor.
+constexpr int kToolsProgress = STDERR_FILENO + 1;
+constexpr const char* kToolsProgressVariable = "HDIUTIL_PROGRESS=3";
+
+// What posix_spawn() is asked for: default signals, the tool's streams, and no other descriptor but the file
+// for its progress, if there is one.
 class SpawnRequest {
  public:
-  explicit SpawnRequest(const ToolStreams& streams, ports::ToolRun::Capture capture) {
+  explicit SpawnRequest(const ToolStreams& streams, ports::ToolRun::Capture capture, int progress) {
     ::posix_spawnattr_init(&attributes_);
     ::posix_spawn_file_actions_init(&actions_);
     sigset_t none;
@@ -48,7 +55,13 @@ class SpawnRequest {
     if (streams.toolInput() >= 0) connect(streams.toolInput(), STDIN_FILENO);
     if (capture == ports::ToolRun::Capture::bothOutputs) connect(streams.toolOutput(), STDOUT_FILENO);
     if (capture != ports::ToolRun::Capture::none) connect(streams.toolOutput(), STDERR_FILENO);
-    ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    for (char** variable = ::environ; *variable != nullptr; ++variable) environment_.push_back(*variable);
+    if (progress >= 0) {
+      connect(progress, kToolsProgress);
+      environment_.push_back(const_cast<char*>(kToolsProgressVariable));
+    }
+    environment_.push_back(nullptr);
+    ::posix_spawn_file_actions_addclosefrom_np(&actions_, kToolsProgress + (progress >= 0 ? 1 : 0));
   }
   ~SpawnRequest() {
     ::posix_spawn_file_actions_destroy(&actions_);
@@ -62,7 +75,8 @@ class SpawnRequest {
     for (const auto& argument : arguments) vector.push_back(const_cast<char*>(argument.c_str()));
     vector.push_back(nullptr);
     pid_t tool = 0;
-    const int error = ::posix_spawn(&tool, path.c_str(), &actions_, &attributes_, vector.data(), ::environ);
+    const int error =
+        ::posix_spawn(&tool, path.c_str(), &actions_, &attributes_, vector.data(), environment_.data());
     if (error != 0) return base::Error{errnoText(error)};
     return tool;
   }
@@ -74,6 +88,7 @@ class SpawnRequest {
 
   posix_spawnattr_t attributes_;
   posix_spawn_file_actions_t actions_;
+  std::vector<char*> environment_;
 };
 
 // What the tool starts later inherits it. Where the system has no priorities for disks, only the processor's.
@@ -147,7 +162,8 @@ void PosixToolRuns::terminateAll(std::chrono::milliseconds patience) {
 base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolStreams& streams) {
   std::vector<std::string> arguments;
   for (const auto& argument : run.arguments) arguments.push_back(paths_.hostArgument(argument));
-  const SpawnRequest request(streams, run.capture);
+  const SpawnRequest request(streams, run.capture, progress_.get());
+  if (progress_.get() >= 0 && ::ftruncate(progress_.get(), 0) != 0) log_.log(errnoText(errno));
   base::MutexLock lock(mutex_);
   if (terminated_) return base::Error{"the agent is quitting"};
   auto tool = request.spawn(paths_.hostPath(run.launchPath), arguments);
@@ -155,6 +171,24 @@ base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolS
   running_.insert(*tool);
   if (background_) runBehind(*tool);
   return tool;
+}
+
+void PosixToolRuns::followProgress() {
+#if defined(MFD_CLOEXEC)
+  progress_ = FileDescriptor(::memfd_create("progress", MFD_CLOEXEC));
+#endif
+}
+
+std::optional<double> PosixToolRuns::progress() const {
+  std::array<char, 32> text{};
+  constexpr std::string_view kBegin = "PERCENT:";
+  const auto length = progress_.get() < 0 ? -1 : ::pread(progress_.get(), text.data(), text.size(), 0);
+  const std::string_view line(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  double percent = 0;
+  if (!line.starts_with(kBegin) || !line.ends_with('\n')) return std::nullopt;
+  const auto [end, error] = std::from_chars(line.data() + kBegin.size(), line.data() + line.size(), percent);
+  if (error != std::errc() || !(percent >= 0 && percent <= 100)) return std::nullopt;
+  return percent / 100;
 }
 
 void PosixToolRuns::setBackground(bool background) {

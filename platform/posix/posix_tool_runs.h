@@ -2,11 +2,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <optional>
 #include <set>
 #include <sys/types.h>
 
 #include "base/mutex.h"
 #include "base/result.h"
+#include "platform/posix/file_descriptor.h"
 #include "platform/posix/path_map.h"
 #include "platform/posix/tool_streams.h"
 #include "ports/system_log.h"
@@ -32,6 +34,12 @@ class PosixToolRuns : public ports::ToolRuns {
   // From now on tools run with low priority for processor and disk, as behind somebody's back.
   void setBackground(bool background);
 
+  // From now on tools may tell how far they are: each gets a file as its descriptor 3, and HDIUTIL_PROGRESS
+  // in its environment. Before the first run; not where the system has no such files.
+  void followProgress();
+  // Of the tool that told last, from 0 to 1; nullopt when none has told anything since the last one began.
+  std::optional<double> progress() const;
+
   // For quitting: asks the running tools to end, kills those that still run after the time given, and
   // launches none from then on.
   void terminateAll(std::chrono::milliseconds patience);
@@ -45,6 +53,7 @@ class PosixToolRuns : public ports::ToolRuns {
 
   const PathMap& paths_;
   ports::SystemLog& log_;
+  FileDescriptor progress_;
   base::Mutex mutex_;
   std::condition_variable_any ended_;
   std::set<pid_t> running_ GUARDED_BY(mutex_);  // not yet reaped, so that the number is still theirs

@@ -167,6 +167,7 @@ class CliTest : public ::testing::Test {
                                   .walkedFiles = world.files,
                                   .lastTools = world.tools,
                                   .serveUntil = [this](const auto& done) { return world.runUntil(done); },
+                                  .toolProgress = [this] { return progress; },
                                   .streams = {.out = out, .error = error}});
   }
 
@@ -195,6 +196,7 @@ class CliTest : public ::testing::Test {
     return steps;
   }
 
+  std::optional<double> progress;
   platform::fake::World world;
   WorldVolumes volumes{world};
   ScriptedTerminal terminal;

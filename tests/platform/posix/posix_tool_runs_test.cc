@@ -57,6 +57,25 @@ TEST_F(PosixToolRunsTest, returnsNothingOfARunThatCapturesNothing) {
   EXPECT_TRUE(std::filesystem::exists(folder_ / "ran"));
 }
 
+TEST_F(PosixToolRunsTest, readsHowFarAToolHasCome) {
+  tools_.followProgress();
+  EXPECT_EQ(tools_.progress(), std::nullopt);
+  EXPECT_EQ(runScript("[ \"$HDIUTIL_PROGRESS\" = 3 ] && printf 'PERCENT:042.500000\\n' >&3"), "");
+  EXPECT_EQ(tools_.progress(), 0.425);
+  for (const char* nonsense :
+       {":", "printf 'PERCENT:101.000000\\n' >&3", "printf 'PERCENT:04' >&3", "printf 'half\\n' >&3"}) {
+    runScript(nonsense);
+    EXPECT_EQ(tools_.progress(), std::nullopt) << nonsense;
+  }
+}
+
+TEST_F(PosixToolRunsTest, runsToolsBehindOthersOnceTheyAreToBeInTheBackground) {
+  EXPECT_EQ(runScript("nice"), "0\n");
+  tools_.setBackground(true);
+  // The tool may be asked before its priority has been set.
+  EXPECT_EQ(runScript("while [ \"$(nice)\" = 0 ]; do :; done; nice"), "10\n");
+}
+
 TEST_F(PosixToolRunsTest, drainsMoreThanAPipeHolds) {
   EXPECT_EQ(runScript("head -c 5000000 /dev/zero").size(), 5000000u);
 }
