@@ -6,15 +6,25 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fuse3/fuse_lowlevel.h>
+#include <poll.h>
 #include <span>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
 
 #include "image/fuse/mount_table.h"
+#include "image/fuse/read_ahead.h"
 
 namespace image::fuse {
+
+// What answers are made of.
+struct Served {
+  const Volume& volume;
+  ReadAhead ahead;
+};
+
 namespace {
 
 // Seconds. Nothing changes while it is mounted.
@@ -31,7 +41,8 @@ sigset_t endingSignals() {
   return signals;
 }
 
-const Volume& volumeOf(fuse_req_t request) { return *static_cast<const Volume*>(fuse_req_userdata(request)); }
+Served& servedOf(fuse_req_t request) { return *static_cast<Served*>(fuse_req_userdata(request)); }
+const Volume& volumeOf(fuse_req_t request) { return servedOf(request).volume; }
 
 // The kernel calls the root 1; every other inode is the volume's own number.
 std::uint32_t itemID(const Volume& volume, fuse_ino_t inode) {
@@ -146,6 +157,14 @@ class Listing {
   const char* name(std::size_t i) const { return names_.data() + entries_[i].name; }
   const Item& item(std::size_t i) const { return entries_[i].item; }
 
+  std::vector<std::uint32_t> smallFiles() const {
+    std::vector<std::uint32_t> files;
+    for (const auto& [name, item] : entries_)
+      if (item.kind == ItemKind::file && item.size != 0 && item.size <= ReadAhead::kMostBytes)
+        files.push_back(item.id);
+    return files;
+  }
+
  private:
   struct Entry {
     std::size_t name;
@@ -169,6 +188,7 @@ void openFolder(fuse_req_t request, fuse_ino_t inode, fuse_file_info* open) {
   const Volume& volume = volumeOf(request);
   auto listing = Listing::of(volume, itemID(volume, inode));
   if (!listing) return refuse(request, listing.error());
+  servedOf(request).ahead.wasListed((*listing)->smallFiles());
   open->fh = reinterpret_cast<std::uintptr_t>(listing->get());
   open->cache_readdir = 1;
   open->keep_cache = 1;
@@ -225,7 +245,17 @@ void readFile(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offs
   const auto got = volumeOf(request).read(static_cast<std::uint32_t>(inode),
                                           static_cast<std::uint64_t>(offset), std::span(buffer).first(size));
   if (!got) return refuse(request, got.error());
+  ReadAhead& ahead = servedOf(request).ahead;
   fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), *got);
+  ahead.wasRead(static_cast<std::uint32_t>(inode));
+}
+
+// Puts a file into the kernel's cache. Refused for one that nobody has looked at. Waits while the kernel
+// waits for an answer about the same part of the file, so it is not for a thread that gives answers.
+bool storeFile(fuse_session* session, std::uint32_t id, std::span<std::byte> bytes) {
+  fuse_bufvec file = FUSE_BUFVEC_INIT(bytes.size());
+  file.buf[0].mem = bytes.data();
+  return fuse_lowlevel_notify_store(session, id, 0, &file, fuse_buf_copy_flags{}) == 0;
 }
 
 void fileSystemFacts(fuse_req_t request, fuse_ino_t) {
@@ -295,6 +325,11 @@ fuse_lowlevel_ops operations() {
 
 }  // namespace
 
+VolumeServer::VolumeServer(const Volume& volume)
+    : served_(new Served{volume, {volume, [this](std::uint32_t id, std::span<std::byte> bytes) {
+                                    return storeFile(session_, id, bytes);
+                                  }}}) {}
+
 VolumeServer::~VolumeServer() {
   if (!session_) return;
   fuse_session_unmount(session_);
@@ -309,7 +344,7 @@ base::Result<void> VolumeServer::mount(const std::string& mountPoint, const std:
   std::array<char*, 3> words{program.data(), option.data(), options.data()};
   fuse_args arguments = FUSE_ARGS_INIT(static_cast<int>(words.size()), words.data());
   const fuse_lowlevel_ops ops = operations();
-  session_ = fuse_session_new(&arguments, &ops, sizeof ops, const_cast<Volume*>(&volume_));
+  session_ = fuse_session_new(&arguments, &ops, sizeof ops, served_.get());
   fuse_opt_free_args(&arguments);
   if (!session_) return base::Error{"cannot start a session"};
   if (fuse_session_mount(session_, mountPoint.c_str()) != 0) {
@@ -335,6 +370,20 @@ void VolumeServer::serve() {
   fuse_loop_cfg_set_clone_fd(config, 1);
   fuse_session_loop_mt(session_, config);
   fuse_loop_cfg_destroy(config);
+  serveWhileReadingAhead();
+}
+
+void VolumeServer::serveWhileReadingAhead() {
+  constexpr int kInterval = 1;  // milliseconds
+  served_->ahead.stop();
+  fuse_session_reset(session_);
+  fuse_buf request{};
+  while (!served_->ahead.hasStopped()) {
+    pollfd device{fuse_session_fd(session_), POLLIN, 0};
+    if (::poll(&device, 1, kInterval) > 0 && fuse_session_receive_buf(session_, &request) > 0)
+      fuse_session_process_buf(session_, &request);
+  }
+  std::free(request.mem);
 }
 
 }  // namespace image::fuse

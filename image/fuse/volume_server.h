@@ -10,12 +10,14 @@ struct fuse_session;
 
 namespace image::fuse {
 
+struct Served;
+
 // Answers the kernel for a mounted volume, for reading only. A volume never changes, so the kernel may keep
 // whatever it was told.
 class VolumeServer {
  public:
   // The volume outlives it.
-  explicit VolumeServer(const Volume& volume) : volume_(volume) {}
+  explicit VolumeServer(const Volume& volume);
   // Unmounts.
   ~VolumeServer();
   VolumeServer(const VolumeServer&) = delete;
@@ -30,7 +32,10 @@ class VolumeServer {
   static void blockEndingSignals();
 
  private:
-  const Volume& volume_;
+  // Until nothing is being read ahead any more, for which the kernel may need an answer first.
+  void serveWhileReadingAhead();
+
+  std::unique_ptr<Served> served_;
   fuse_session* session_ = nullptr;
   bool handlesSignals_ = false;
 };

@@ -67,7 +67,10 @@ class MemoryVolume : public image::Volume {
   base::Result<std::string> linkTarget(std::uint32_t id) const override { return items_.at(id).data; }
   base::Result<std::size_t> read(std::uint32_t id, std::uint64_t offset,
                                  std::span<std::byte> into) const override {
-    const auto& entry = items_.at(id);
+    const auto found = items_.find(id);
+    if (found == items_.end()) return base::Error{"there is no such item"};
+    const Entry& entry = found->second;
+    if (entry.item.kind != image::ItemKind::file) return base::Error{"it is not a file"};
     if (entry.isDamaged) return base::Error{"damaged"};
     if (offset >= entry.data.size()) return std::size_t{0};
     const auto size = std::min<std::size_t>(into.size(), entry.data.size() - offset);

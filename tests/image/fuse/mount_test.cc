@@ -160,6 +160,24 @@ TEST_F(MountedImage, readsFromAnyPlaceOfAFile) {
   EXPECT_EQ(piece.substr(0, 51), data.substr(2'999'950));
 }
 
+TEST_F(MountedImage, readsWholeFoldersOfSmallFilesInAnyOrder) {
+  auto& folder = volume.add(kRoot, "many", ItemKind::folder);
+  std::vector<std::string> names;
+  const auto dataOf = [](const std::string& name) { return name + std::string(name.size() * 500, name[0]); };
+  for (int i = 0; i < 500; ++i) {
+    names.push_back(std::to_string(i * 7919 % 500));
+    volume.addFile(folder.id, names.back(), dataOf(names.back()));
+  }
+  ASSERT_TRUE(mount());
+  EXPECT_THAT(namesIn(place + "/many"), testing::UnorderedElementsAreArray(names));
+  for (int i = 0; i < 500; ++i) {
+    const std::string name = std::to_string(i);
+    ASSERT_TRUE(readFile(place + "/many/" + name) == dataOf(name)) << name;
+  }
+  for (const std::string& name : names)
+    ASSERT_EQ(fs::file_size(place + "/many/" + name), dataOf(name).size());
+}
+
 TEST_F(MountedImage, givesExtendedAttributes) {
   const auto id = volume.addFile(kRoot, "file", "").id;
   volume.addAttribute(id, "user.colour", "blue");
