@@ -4,11 +4,14 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
+#include <poll.h>
 
 #include "app/agent_app_delegate.h"
 #include "main/locked_tool_runs.h"
 #include "main/watched_tool_runs.h"
 #include "platform/linux/agent_bus.h"
+#include "platform/linux/bus_greeting.h"
 #include "platform/linux/inhibitor.h"
 #include "platform/linux/qt_desktop.h"
 #include "platform/linux/secret_service_keychain.h"
@@ -29,6 +32,27 @@ namespace {
 
 constexpr const char* kSupportFolder = "/Stashwick 3";
 constexpr std::chrono::milliseconds kToolsPatience{3000};
+constexpr int kBusPatience = 3000;  // milliseconds
+constexpr std::initializer_list<int> kEndingSignals = {SIGINT, SIGTERM, SIGHUP};
+
+// Before the toolkit starts threads of its own, which would die of them.
+void blockSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kEndingSignals) sigaddset(&set, signal);
+  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// The toolkit waits without end for a session bus that takes connections and then is mute: it is kept from
+// one.
+bool leaveMuteSessionBus() {
+  const auto greeting = freedesktop::BusGreeting::begin(freedesktop::sessionBusAddress());
+  if (!greeting) return false;
+  pollfd answer{.fd = greeting->descriptor(), .events = POLLIN, .revents = 0};
+  if (::poll(&answer, 1, kBusPatience) > 0) return false;
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+  return true;
+}
 
 // What is seen of the agent from outside.
 class Presence {
@@ -98,12 +122,15 @@ bool hasDesktop() {
 }
 
 int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
+  blockSignals();
+  const bool hasMuteBus = leaveMuteSessionBus();
   QApplication application(argc, argv);
   QApplication::setApplicationName("stashwick-agent");
   QApplication::setDesktopFileName(freedesktop::AgentBus::kName);
   posix::StderrLog log(posix::StderrLog::Syslog::too);
   freedesktop::QtMainQueue queue;
-  queue.handleSignals({SIGINT, SIGTERM, SIGHUP}, [](int) { QApplication::quit(); });
+  if (hasMuteBus) log.log("[Stashwick] The session bus does not answer; the agent does without it.");
+  queue.handleSignals(kEndingSignals, [](int) { QApplication::quit(); });
   posix::PathMap paths(toolsFolder, posix::unregisteredVolumesFolder());
   posix::PosixFiles files(paths);
   posix::PosixArchives archives(paths, log);

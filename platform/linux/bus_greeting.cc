@@ -66,4 +66,10 @@ std::string systemBusAddress() {
   return given.isEmpty() ? "unix:path=/run/dbus/system_bus_socket" : given.toStdString();
 }
 
+std::string sessionBusAddress() {
+  if (const auto given = qgetenv("DBUS_SESSION_BUS_ADDRESS"); !given.isEmpty()) return given.toStdString();
+  const auto runtimeFolder = qgetenv("XDG_RUNTIME_DIR");
+  return runtimeFolder.isEmpty() ? std::string() : "unix:path=" + runtimeFolder.toStdString() + "/bus";
+}
+
 }  // namespace platform::freedesktop

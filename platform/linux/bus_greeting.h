@@ -30,5 +30,7 @@ class BusGreeting {
 
 // Where the system bus is, by the environment or by custom.
 std::string systemBusAddress();
+// Likewise the user's session bus; empty when nothing says where.
+std::string sessionBusAddress();
 
 }  // namespace platform::freedesktop

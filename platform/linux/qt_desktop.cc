@@ -2,9 +2,11 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QCursor>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDialog>
 #include <QFileIconProvider>
 #include <QFileInfo>
 #include <QLabel>
@@ -41,6 +43,11 @@ void showPlain(QMessageBox& box, const QString& text, const QString& below) {
   box.setText(text);
   box.setInformativeText(below);
   if (auto* label = box.findChild<QLabel*>("qt_msgbox_informativelabel")) label->setTextFormat(Qt::PlainText);
+  if (auto* label = box.findChild<QLabel*>("qt_msgbox_label")) {
+    QFont heading = label->font();
+    heading.setBold(true);
+    label->setFont(heading);
+  }
 }
 
 QMessageBox::ButtonRole roleOf(std::size_t button) {
@@ -64,6 +71,8 @@ class QtDesktop::StatusItem : public ports::StatusItem {
   }
   void setImage(const std::string& resourceName) override {
     desktop_.imageName_ = resourceName;
+    // Once the toolkit has put an icon up the old way, it never offers one to a panel: so it waits for one.
+    if (hasPanel()) desktop_.placeOnPanel();
     desktop_.setBusy(desktop_.busy_);
   }
   // Panels highlight as they see fit.
@@ -92,9 +101,7 @@ std::unique_ptr<ports::StatusItem> QtDesktop::createStatusItem(double /*length*/
   menu_ = std::make_unique<StatusMenu>(
       MenuActions{.isEnabled = [this](const ports::MenuItem& item) { return isEnabled(item); },
                   .choose = [this](const std::shared_ptr<ports::MenuItem>& item) { choose(item); }});
-  // Once the toolkit has put an icon up the old way, it never offers one to a panel: so it waits for one.
-  if (hasPanel()) placeOnPanel();
-  if (!tray_) around_.queue.postAfter(kPatienceWithPanel, [this] { explainMissingPanel(); });
+  around_.queue.postAfter(kPatienceWithPanel, [this] { explainMissingPanel(); });
   return std::make_unique<StatusItem>(*this);
 }
 
@@ -103,7 +110,17 @@ void QtDesktop::placeOnPanel() {
   tray_ = std::make_unique<QSystemTrayIcon>(statusIcon());
   tray_->setToolTip(kApplicationName);
   tray_->setContextMenu(&menu_->widget());
+  QObject::connect(tray_.get(), &QSystemTrayIcon::activated, tray_.get(),
+                   [this](QSystemTrayIcon::ActivationReason reason) {
+                     if (reason == QSystemTrayIcon::Trigger) openMenu();
+                   });
   tray_->show();
+}
+
+void QtDesktop::openMenu() {
+  // Elsewhere a program cannot know where on the screen the user has clicked.
+  if (QGuiApplication::platformName() != "xcb") return showMenuWindow();
+  menu_->widget().popup(QCursor::pos());
 }
 
 void QtDesktop::explainMissingPanel() {
@@ -227,7 +244,7 @@ std::shared_ptr<const ports::Image> QtDesktop::iconForFile(const std::string& pa
 void QtDesktop::showMenuWindow() {
   if (!menu_) return;
   if (!window_) {
-    window_ = new QWidget(nullptr, Qt::Dialog);
+    window_ = new QDialog;
     window_->setAttribute(Qt::WA_DeleteOnClose);
     window_->setWindowTitle(kApplicationName);
     new QVBoxLayout(window_);

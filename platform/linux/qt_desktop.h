@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDBusServiceWatcher>
+#include <QDialog>
 #include <QIcon>
 #include <QMessageBox>
 #include <QPointer>
@@ -62,6 +63,7 @@ class QtDesktop : public ports::Desktop {
   int run(QMessageBox& box);
   QIcon statusIcon() const;
   void placeOnPanel();
+  void openMenu();
   void explainMissingPanel();
   void fillWindow();
 
@@ -71,7 +73,7 @@ class QtDesktop : public ports::Desktop {
   SoundPlayer sounds_;
   std::unique_ptr<StatusMenu> menu_;
   std::unique_ptr<QSystemTrayIcon> tray_;
-  QPointer<QWidget> window_;
+  QPointer<QDialog> window_;
   std::string imageName_;
   bool busy_ = false;
   bool activates_ = false;
