@@ -13,6 +13,7 @@ constexpr std::uint32_t kTableSignature = 0x6D697368;    // "mish"
 constexpr std::uint32_t kTrailerSignature = 0x6B6F6C79;  // "koly"
 constexpr std::uint32_t kNoChecksum = 0;
 constexpr std::uint32_t kCRC32Checksum = 2;
+constexpr std::uint32_t kCRC32Bits = 32;
 constexpr std::size_t kChecksumBytes = 128;
 constexpr std::size_t kRunBytes = 40;
 // Entry attributes and the size of the `plst` record, as they stand in the images of the format's own tool.
@@ -21,21 +22,22 @@ constexpr std::size_t kPlstBytes = 1032;
 
 void putChecksum(std::optional<std::uint32_t> sum, base::ByteWriter& out) {
   out.put(sum ? kCRC32Checksum : kNoChecksum)
-      .put(sum ? 32u : 0u)
+      .put(sum ? kCRC32Bits : 0u)
       .put(sum.value_or(0))
       .zeros(kChecksumBytes - 4);
 }
 
-// False for a sum of a kind that the format does not have, and for one of no kind that has a size or value
-// all the same: it lost its kind.
+// Other makers may use sums of other kinds, which are longer; nobody looks at them. False for a sum that lost its
+// kind: a value without one, or another kind with the length of ours.
 bool getChecksum(base::ByteReader& in, std::optional<std::uint32_t>& sum) {
   const auto type = in.get<std::uint32_t>();
   const auto bits = in.get<std::uint32_t>();
   const auto value = in.get<std::uint32_t>();
   in.skip(kChecksumBytes - 4);
   if (type == kCRC32Checksum) sum = value;
-  if (type == kNoChecksum) return bits == 0 && value == 0;
-  return type == kCRC32Checksum && bits == 32;
+  if (type == kCRC32Checksum) return bits == kCRC32Bits;
+  if (type == kNoChecksum) return value == 0;
+  return bits > kCRC32Bits && bits <= 8 * kChecksumBytes;
 }
 
 void putRun(const Run& run, base::ByteWriter& out) {

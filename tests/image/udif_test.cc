@@ -5,6 +5,7 @@
 #include <random>
 #include <vector>
 
+#include "base/byte_order.h"
 #include "base/xml_property_list.h"
 #include "image/codec/checksum.h"
 #include "image/codec/zlib_codec.h"
@@ -245,6 +246,32 @@ TEST(Trailer, readsBackWhatItWrote) {
   EXPECT_EQ(read->masterChecksum, std::nullopt);
   EXPECT_EQ(read->variant, 2u);
   EXPECT_EQ(read->sectorCount, 5u);
+}
+
+// A trailer whose data checksum says that it is of that kind, size and value.
+base::Result<Trailer> withDataChecksum(std::uint32_t kind, std::uint32_t bits, std::uint32_t value) {
+  constexpr std::size_t kPlace = 80;
+  auto bytes = encodeTrailer(Trailer{});
+  std::vector<std::byte> fields;
+  base::ByteWriter(fields).put(kind).put(bits).put(value);
+  std::ranges::copy(fields, bytes.begin() + kPlace);
+  return decodeTrailer(bytes);
+}
+
+TEST(Trailer, passesOverChecksumsOfOtherKinds) {
+  for (const std::uint32_t bits : {128u, 160u, 512u}) {
+    const auto read = withDataChecksum(4, bits, 0x1234);
+    ASSERT_TRUE(read) << bits;
+    EXPECT_EQ(read->dataChecksum, std::nullopt);
+  }
+  EXPECT_TRUE(withDataChecksum(0, 32, 0));
+}
+
+TEST(Trailer, refusesAChecksumThatLostItsKind) {
+  EXPECT_FALSE(withDataChecksum(0, 32, 0x1234));
+  EXPECT_FALSE(withDataChecksum(3, 32, 0x1234));
+  EXPECT_FALSE(withDataChecksum(2, 31, 0x1234));
+  EXPECT_FALSE(withDataChecksum(4, 1025, 0x1234));
 }
 
 TEST(Trailer, refusesOtherFiles) {
