@@ -34,8 +34,14 @@ std::string storedAttributeName(std::string_view name) {
 }
 
 std::string attributeName(std::string_view storedName) {
-  return hasNamespace(storedName) ? std::string(storedName)
-                                  : std::string(kUserNamespace) + std::string(storedName);
+  std::string name(hasNamespace(storedName) ? "" : kUserNamespace);
+  for (const char c : storedName) {
+    if (c == '\0')
+      base::appendUTF8(name, 0x2400);
+    else
+      name += c;
+  }
+  return name;
 }
 
 std::vector<Attribute> attributesOf(const Tree& tree, NodeIndex node) {

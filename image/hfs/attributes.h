@@ -13,7 +13,7 @@ namespace image::hfs {
 // How the volume names an extended attribute of a POSIX system: "user.x" is "x", unless that would read as a
 // name of another namespace; every other name stays as it is.
 std::string storedAttributeName(std::string_view name);
-// The other way.
+// The other way. U+0000, which no system bears in a name, gives way to its picture.
 std::string attributeName(std::string_view storedName);
 
 struct Attribute {

@@ -335,6 +335,17 @@ TEST(VolumeOfOthers, readsACatalogWhoseExtentsGoOnInTheOverflowFile) {
   EXPECT_EQ(itemsOf(*volume, kRoot).size(), 2'000u);
 }
 
+TEST(VolumeOfOthers, namesAnAttributeThatHasAZeroInItsNameByThePictureOfIt) {
+  HandMadeVolume made;
+  const auto file = made.addFile({.name = u"file"});
+  made.addAttribute(file, std::u16string(u"\0note", 5), "value");
+  made.addAttribute(file, u"other", "more");
+  const auto volume = open(made.make());
+  ASSERT_TRUE(volume);
+  EXPECT_THAT(*volume->attributeNames(file), ElementsAre("user.\u2400note", "user.other"));
+  EXPECT_EQ(attributeOf(*volume, file, "user.\u2400note"), "value");
+}
+
 // As a kernel leaves it that grows the file by blocks, of which two make a node.
 TEST(VolumeOfOthers, readsAnAttributesFileThatEndsWithPartOfANode) {
   HandMadeVolume made;
