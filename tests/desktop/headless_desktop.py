@@ -41,7 +41,8 @@ def wait_for(what, condition, seconds=LIMIT):
     """The condition's first true value."""
     deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
-        with contextlib.suppress(GLib.Error):
+        # A window may go while it is being looked at.
+        with contextlib.suppress(GLib.Error, LookupError, StopIteration, TypeError):
             if value := condition():
                 return value
         while GLib.MainContext.default().iteration(False):

@@ -7,6 +7,7 @@ import shutil
 import signal
 import subprocess
 
+import pyatspi
 from gi.repository import GLib
 from headless_desktop import LIMIT, wait_for
 
@@ -166,7 +167,6 @@ class Window:
 
     @staticmethod
     def find(role="alert"):
-        import pyatspi
         for application in pyatspi.Registry.getDesktop(0):
             if application and application.name == "stashwick-agent":
                 for window in application:
@@ -175,7 +175,6 @@ class Window:
         return None
 
     def all(self, role):
-        import pyatspi
         return pyatspi.findAllDescendants(self.accessible, lambda each: each.getRoleName() == role)
 
     def names(self, role):
@@ -190,10 +189,12 @@ class Window:
     def has(self, state, role, name):
         return self.named(role, name).getState().contains(state)
 
+    def type_key(self, desktop, key):
+        """Once the window has the keyboard."""
+        focused = lambda: any(each.getState().contains(pyatspi.STATE_FOCUSED) for each in self.all("push button"))
+        wait_for("the keyboard's focus", focused)
+        subprocess.run(["xdotool", "key", key], env=desktop.environment, check=True)
+
     @staticmethod
     def wait_until_closed(role="alert"):
         wait_for(f"the window's end ({role})", lambda: Window.find(role) is None)
-
-
-def type_key(desktop, key):
-    subprocess.run(["xdotool", "key", key], env=desktop.environment, check=True)
