@@ -33,6 +33,10 @@ BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration
   </policy>
 </busconfig>
 """
+FRAMES = """<openbox_config xmlns="http://openbox.org/3.4/rc">
+  <theme><name>{theme}</name><titleLayout>LC</titleLayout></theme>
+</openbox_config>
+"""
 # What the session bus starts by itself. Not the keyring: it would be a locked one.
 SERVICES = ["org.xfce.Xfconf.service", "org.a11y.Bus.service"]
 
@@ -85,7 +89,7 @@ class Bus:
 
 
 class HeadlessDesktop:
-    def __init__(self, panel=True, screen="1024x768x24"):
+    def __init__(self, panel=True, screen="1024x768x24", window_theme="Clearlooks"):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="stashwick-desktop-"))
         self.programs = []
         self.mounted = []
@@ -93,6 +97,7 @@ class HeadlessDesktop:
         self.users = 0
         self.has_panel = panel
         self.screen = screen
+        self.window_theme = window_theme
 
     def __enter__(self):
         try:
@@ -178,7 +183,9 @@ class HeadlessDesktop:
         os.close(writing)
         with open(reading, encoding="ascii") as display:
             self.environment["DISPLAY"] = ":" + display.readline().strip()
-        self.start("openbox", "--sm-disable")
+        frames = self.folder / "openbox.xml"
+        frames.write_text(FRAMES.format(theme=self.window_theme))
+        self.start("openbox", "--sm-disable", "--config-file", frames)
         # A window that comes before the manager can stay unmapped for good.
         wait_for("the window manager", lambda: b"window id" in subprocess.run(
             ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"], env=self.environment, capture_output=True).stdout)
