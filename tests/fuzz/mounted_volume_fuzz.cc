@@ -1,6 +1,7 @@
 // Seeds: tests/corpus/image/volumes
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -84,9 +85,11 @@ class Kernel {
                                 .total_extlen = 0,
                                 .padding = 0};
     const std::string request = bytesOf(header) + arguments;
-    require(::send(socket_, request.data(), request.size(), 0) == static_cast<ssize_t>(request.size()),
-            "an end before it");
-    const ssize_t size = ::recv(socket_, buffer_.data(), buffer_.size(), 0);
+    const auto send = [&] { return ::send(socket_, request.data(), request.size(), 0); };
+    require(TEMP_FAILURE_RETRY(send()) == static_cast<ssize_t>(request.size()), "an end before it");
+    const auto receive = [&] { return ::recv(socket_, buffer_.data(), buffer_.size(), 0); };
+    // The fuzzer's clock interrupts.
+    const ssize_t size = TEMP_FAILURE_RETRY(receive());
     require(size >= static_cast<ssize_t>(sizeof(fuse_out_header)), "no header");
     const std::string_view reply(buffer_.data(), static_cast<std::size_t>(size));
     const auto out = structureAt<fuse_out_header>(reply, 0);
