@@ -1,6 +1,7 @@
 #include "main/desktop_agent.h"
 
 #include <QApplication>
+#include <QLocale>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -135,6 +136,8 @@ int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
   posix::PosixFiles files(paths);
   posix::PosixArchives archives(paths, log);
   posix::IcuDates dates;
+  const QLocale language(QString::fromStdString(dates.preferredLanguages().front()));
+  QApplication::setLayoutDirection(language.textDirection());
   posix::PosixToolRuns hostTools(paths, log);
   hostTools.setBackground(true);
   LockedToolRuns lockedTools(hostTools, paths);

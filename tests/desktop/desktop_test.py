@@ -103,6 +103,15 @@ class Question(DesktopTest):
         self.assertEqual(agent.leavings("STICK"), [])
         self.assertEqual(agent.end(), 0)
 
+    def test_reads_from_right_to_left_in_arabic(self):
+        self.desktop.environment["LANG"] = "ar_EG.UTF-8"
+        agent = self.start_agent()
+        self.stick.plug()
+        window = Window.wait()
+        self.assertLess(window.left_of("push button", "نسخ احتياطي"), window.left_of("push button", "لاحقًا"))
+        window.press("لاحقًا")
+        self.assertEqual(agent.end(), 0)
+
     def test_answered_with_later_comes_again_and_with_ignore_volume_never(self):
         agent = self.start_agent()
         self.plug_and_answer("Later")

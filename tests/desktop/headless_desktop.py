@@ -154,6 +154,7 @@ class HeadlessDesktop:
         for stick in self.sticks:
             stick.leave()
         self.sticks = []
+        self.environment["LANG"] = "en_US.UTF-8"
         self.users += 1
         user = self.folder / f"user{self.users}"
         for variable, name in [("XDG_DATA_HOME", "data"), ("XDG_CONFIG_HOME", "config")]:

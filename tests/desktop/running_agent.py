@@ -186,6 +186,10 @@ class Window:
     def press(self, name, role="push button"):
         self.named(role, name).queryAction().doAction(0)
 
+    def left_of(self, role, name):
+        """Where it begins on the screen."""
+        return self.named(role, name).queryComponent().getExtents(pyatspi.DESKTOP_COORDS).x
+
     def has(self, state, role, name):
         return self.named(role, name).getState().contains(state)
 
