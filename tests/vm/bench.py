@@ -1,6 +1,9 @@
 """What a check works with: a scratch folder that the guest has at /host, our programs, and a guest."""
+import functools
 import json
+import os
 import pathlib
+import shlex
 import shutil
 import subprocess
 import unicodedata
@@ -43,6 +46,18 @@ def composed(listing):
     return {unicodedata.normalize("NFC", path): facts for path, facts in listing.items()}
 
 
+@functools.cache
+def package_of(programs):
+    """The package of what was built in the folder, made if it is missing or older than a program."""
+    built = [*programs.glob("bin/stashwick*"), *programs.glob("libexec/stashwick/*")]
+    require(built, f"nothing is built in {programs}")
+    found = [*programs.glob("stashwick_*.deb")]
+    if not found or min(map(os.path.getmtime, found)) < max(map(os.path.getmtime, built)):
+        run("cmake", "--build", programs, "--target", "package")
+        found = [*programs.glob("stashwick_*.deb")]
+    return max(found, key=os.path.getmtime)
+
+
 class Bench:
     def __init__(self, image, scratch, programs):
         self._image, self.scratch, self.programs = image, pathlib.Path(scratch), programs
@@ -76,6 +91,37 @@ class Bench:
         run("strip", "-o", small, self.tool(name))
         self.machine.sh(f"install -m 755 /host/{name} /usr/local/bin/{name}")
         return f"/usr/local/bin/{name}"
+
+    def install_package(self):
+        """Installs our package in the guest, where everything that it depends on must be already."""
+        shutil.copy(package_of(self.programs), self.share / "stashwick.deb")
+        self.machine.sh("dpkg --install /host/stashwick.deb")
+
+    def person(self, line):
+        """Runs a line of bash as the person at the seat; gives its status and output."""
+        return self.machine.run(self.machine.as_person(line))
+
+    def person_does(self, line):
+        """The same, which must succeed; gives the output."""
+        status, output = self.person(line)
+        require(status == 0, f"status {status} of: {line}\n{output}")
+        return output
+
+    def person_starts(self, line, name):
+        """Leaves a line of bash running; person_ended() waits for its end."""
+        self.person_does(f"(setsid bash -c {shlex.quote(line)} </dev/null >/tmp/{name}.out 2>&1; echo $? >/tmp/{name}.status) "
+                         "</dev/null >/dev/null 2>&1 &")
+
+    def person_ended(self, name, seconds=300):
+        """Waits for what person_starts left running; gives its status and output."""
+        self.machine.await_sh(f"test -s /tmp/{name}.status", seconds)
+        return int(self.machine.sh(f"cat /tmp/{name}.status")), self.machine.sh(f"cat /tmp/{name}.out")
+
+    def mount(self, device):
+        """The person mounts a stick's first partition through UDisks2; gives the folder."""
+        self.machine.await_sh(f"udisksctl info -b {device}1")
+        self.person_does(f"udisksctl mount --no-user-interaction -b {device}1")
+        return self.machine.sh(f"findmnt -no TARGET {device}1").strip()
 
     def list_here(self, folder):
         return json.loads(run("python3", HERE / "listing.py", folder))

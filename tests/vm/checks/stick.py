@@ -1,45 +1,14 @@
 """A FAT32 stick, mounted through UDisks2 by the person at the seat, goes into an image made inside the guest."""
-import os
-import random
 import shutil
 
 from bench import composed, require, require_same, run
-
-NAMES = ["readme.txt", "DCIM/100CAM/IMG_0001.JPG", "DCIM/100CAM/IMG_0002.JPG", "Documents/Übersicht & Plan.odt",
-         "Documents/日本語.txt", "Documents/empty", "a long name with many words in it, so that it needs several entries.txt"]
-
-
-def make_stick(disk, folder, label):
-    """A disk with an MBR and one FAT32 partition that holds what the folder holds."""
-    partition = f"{disk}.partition"
-    run("truncate", "-s", "64M", disk)
-    run("bash", "-c", f"printf 'label: dos\\nlabel-id: 0xcafe0001\\nstart=2048, type=c\\n' | /usr/sbin/sfdisk -q {disk}")
-    run("truncate", "-s", (64 << 20) - 2048 * 512, partition)
-    run("/usr/sbin/mkfs.fat", "-F", "32", "-n", label, partition)
-    run("env", "LC_ALL=C.UTF-8", "MTOOLS_SKIP_CHECK=1", "mcopy", "-Q", "-s", "-m", "-i", partition,
-        *(os.path.join(folder, name) for name in sorted(os.listdir(folder))), "::/")
-    run("dd", f"if={partition}", f"of={disk}", "bs=1M", "seek=1", "conv=notrunc,sparse", "status=none")
-
-
-def make_folder(folder):
-    chance = random.Random(7)
-    for name in NAMES:
-        os.makedirs(folder / os.path.dirname(name), exist_ok=True)
-        size = 0 if name.endswith("empty") else chance.randrange(1, 3_000_000)
-        (folder / name).write_bytes(chance.randbytes(size))
-        os.utime(folder / name, (1_600_000_000, 1_600_000_000))  # FAT counts in steps of two seconds
-
-
-def contents(listing):
-    """What FAT and 7-Zip both keep."""
-    kept = ("kind", "size", "sha256")
-    return {path: {field: facts[field] for field in kept if field in facts} for path, facts in listing.items()}
+from sticks import NAMES, contents, make_fat, make_folder
 
 
 def check(place):
     source, disk = place.scratch / "source", place.scratch / "stick.raw"
     make_folder(source)
-    make_stick(disk, source, "KINGSTICK")
+    make_fat(disk, source, "KINGSTICK")
     machine = place.start_guest()
     tool = place.tool_in_guest("hdiutil")
     device = machine.plug(str(disk), "KING0001")
