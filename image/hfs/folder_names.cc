@@ -41,6 +41,8 @@ base::Result<bool> isTaken(const VolumeReader& volume, std::uint32_t folder, con
 
 std::optional<std::string> plainName(std::u16string_view stored) {
   std::string name = composedFileName(stored);
+  const bool isASCII = std::ranges::all_of(stored, [](char16_t unit) { return unit < 0x80; });
+  if (isASCII && stored.find(u':') == stored.npos && isFileName(name)) return name;
   if (!isFileName(name) || storedName(name) != stored) return std::nullopt;
   return name;
 }
@@ -81,6 +83,7 @@ base::Result<void> FolderNames::add(const VolumeReader& volume, const CatalogRec
 }
 
 std::optional<std::string_view> FolderNames::shown(std::u16string_view stored) const {
+  if (byStored_.empty()) return std::nullopt;
   const auto known = byStored_.find(std::u16string(stored));
   if (known == byStored_.end()) return std::nullopt;
   return known->second;

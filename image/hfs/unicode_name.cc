@@ -27,8 +27,9 @@ const icu::Normalizer2* decomposer() {
   return filtered.get();
 }
 
-bool isASCII(std::string_view text) {
-  return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+template <class Char>
+bool isASCII(std::basic_string_view<Char> text) {
+  return std::ranges::all_of(text, [](Char c) { return static_cast<char32_t>(c) < 0x80; });
 }
 
 bool isUTF8(std::string_view text) {
@@ -67,6 +68,12 @@ std::optional<std::u16string> storedName(std::string_view fileName) {
 }
 
 std::string composedFileName(std::u16string_view storedName) {
+  if (isASCII(storedName)) {
+    std::string name(storedName.size(), '\0');
+    std::ranges::transform(storedName, name.begin(),
+                           [](char16_t unit) { return unit == u'/' ? ':' : static_cast<char>(unit); });
+    return name;
+  }
   UErrorCode status = U_ZERO_ERROR;
   icu::UnicodeString composed(false, storedName.data(), static_cast<std::int32_t>(storedName.size()));
   if (const auto* composer = icu::Normalizer2::getNFCInstance(status); U_SUCCESS(status))
