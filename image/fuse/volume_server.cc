@@ -253,8 +253,11 @@ void readFile(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offs
 // Puts a file into the kernel's cache. Refused for one that nobody has looked at. Waits while the kernel
 // waits for an answer about the same part of the file, so it is not for a thread that gives answers.
 bool storeFile(fuse_session* session, std::uint32_t id, std::span<std::byte> bytes) {
-  fuse_bufvec file = FUSE_BUFVEC_INIT(bytes.size());
+  fuse_bufvec file{};
+  file.count = 1;
+  file.buf[0].size = bytes.size();
   file.buf[0].mem = bytes.data();
+  file.buf[0].fd = -1;
   return fuse_lowlevel_notify_store(session, id, 0, &file, fuse_buf_copy_flags{}) == 0;
 }
 

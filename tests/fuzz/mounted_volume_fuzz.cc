@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -87,15 +88,26 @@ class Kernel {
     const std::string request = bytesOf(header) + arguments;
     const auto send = [&] { return ::send(socket_, request.data(), request.size(), 0); };
     require(TEMP_FAILURE_RETRY(send()) == static_cast<ssize_t>(request.size()), "an end before it");
-    const auto receive = [&] { return ::recv(socket_, buffer_.data(), buffer_.size(), 0); };
-    // The fuzzer's clock interrupts.
-    const ssize_t size = TEMP_FAILURE_RETRY(receive());
-    require(size >= static_cast<ssize_t>(sizeof(fuse_out_header)), "no header");
-    const std::string_view reply(buffer_.data(), static_cast<std::size_t>(size));
+    const std::string reply = receive();
     const auto out = structureAt<fuse_out_header>(reply, 0);
-    require(out.len == reply.size() && out.unique == last_, "another length or request");
+    require(out.unique == last_, "another request");
     require(out.error <= 0 && out.error > -512, "an impossible error");
-    return {out.error, std::string(reply.substr(sizeof out))};
+    return {out.error, reply.substr(sizeof out)};
+  }
+
+  // The next message that answers a request; others bring files unasked.
+  std::string receive() {
+    for (;;) {
+      const auto receiveOne = [&] { return ::recv(socket_, buffer_.data(), buffer_.size(), 0); };
+      // The fuzzer's clock interrupts.
+      const ssize_t size = TEMP_FAILURE_RETRY(receiveOne());
+      require(size >= static_cast<ssize_t>(sizeof(fuse_out_header)), "no header");
+      std::string message(buffer_.data(), static_cast<std::size_t>(size));
+      const auto header = structureAt<fuse_out_header>(message, 0);
+      require(header.len == message.size(), "another length");
+      if (header.unique != 0) return message;
+      require(header.error == FUSE_NOTIFY_STORE, "news of no possible kind");
+    }
   }
 
   std::uint32_t someSize() {
@@ -205,7 +217,7 @@ class Kernel {
   int socket_;
   std::minstd_rand random_;
   std::uint64_t last_ = 0;
-  std::vector<char> buffer_ = std::vector<char>(1 << 18);
+  std::vector<char> buffer_ = std::vector<char>(1 << 21);
   std::deque<std::uint64_t> folders_;
   std::set<std::uint64_t> seen_;
 };
@@ -225,6 +237,7 @@ std::unique_ptr<image::Volume> open(std::span<const std::byte> bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   const auto volume = open(std::as_bytes(std::span(bytes, size)));
   if (!volume) return 0;
+  std::signal(SIGPIPE, SIG_IGN);
   fuse_set_log_func([](fuse_log_level, const char*, va_list) {});
   std::array<int, 2> ends;
   require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) == 0, "no socket");
