@@ -27,8 +27,8 @@ void putChecksum(std::optional<std::uint32_t> sum, base::ByteWriter& out) {
       .zeros(kChecksumBytes - 4);
 }
 
-// Other makers may use sums of other kinds, which are longer; nobody looks at them. False for a sum that lost its
-// kind: a value without one, or another kind with the length of ours.
+// Other makers may use sums of other kinds, which are longer; nobody looks at them. False for a sum that lost
+// its kind: a value without one, or another kind with the length of ours.
 bool getChecksum(base::ByteReader& in, std::optional<std::uint32_t>& sum) {
   const auto type = in.get<std::uint32_t>();
   const auto bits = in.get<std::uint32_t>();
