@@ -32,7 +32,8 @@ class ProgressDisplay {
   using Listener = std::function<void(double fraction)>;
 
   // Both outlive the display; nobody else writes to `out` meanwhile. The listener may be empty.
-  ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out, Listener listener);
+  ProgressDisplay(const image::udif::Progress& progress, Style style, std::ostream& out,
+                  Listener listener = {});
   // Shows the end, where it was reached.
   ~ProgressDisplay();
 
