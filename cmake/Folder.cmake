@@ -21,8 +21,9 @@ endfunction()
 # A test program of every *_test.cc in a folder of tests/, one ctest entry per test case.
 #
 #   add_test_folder(tests/store LINKS store platform_fake test_support)   -> target store_tests
+# MOUNTS is a filter of the tests that mount images: two volumes of one name are not mounted at once, wherever.
 function(add_test_folder folder)
-  cmake_parse_arguments(FOLDER "" "" "LINKS;LIBRARIES" ${ARGN})
+  cmake_parse_arguments(FOLDER "" "MOUNTS" "LINKS;LIBRARIES" ${ARGN})
   string(REGEX REPLACE "^tests/" "" name ${folder})
   string(REPLACE "/" "_" name ${name})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cc)
@@ -31,5 +32,12 @@ function(add_test_folder folder)
   endif()
   add_executable(${name}_tests ${sources})
   target_link_libraries(${name}_tests PRIVATE ${FOLDER_LINKS} ${FOLDER_LIBRARIES} GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name}_tests TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  set(discovery TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 60)
+  if(NOT FOLDER_MOUNTS)
+    gtest_discover_tests(${name}_tests ${discovery} PROPERTIES TIMEOUT 300)
+    return()
+  endif()
+  gtest_discover_tests(${name}_tests ${discovery} TEST_FILTER -${FOLDER_MOUNTS} TEST_LIST others PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${name}_tests ${discovery} TEST_FILTER ${FOLDER_MOUNTS} TEST_LIST mounts
+                       PROPERTIES TIMEOUT 300 RESOURCE_LOCK mounts)
 endfunction()

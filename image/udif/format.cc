@@ -13,6 +13,7 @@ constexpr std::uint32_t kTableSignature = 0x6D697368;    // "mish"
 constexpr std::uint32_t kTrailerSignature = 0x6B6F6C79;  // "koly"
 constexpr std::uint32_t kNoChecksum = 0;
 constexpr std::uint32_t kCRC32Checksum = 2;
+constexpr std::uint32_t kMostKinds = 16;
 constexpr std::uint32_t kCRC32Bits = 32;
 constexpr std::size_t kChecksumBytes = 128;
 constexpr std::size_t kRunBytes = 40;
@@ -37,7 +38,7 @@ bool getChecksum(base::ByteReader& in, std::optional<std::uint32_t>& sum) {
   if (type == kCRC32Checksum) sum = value;
   if (type == kCRC32Checksum) return bits == kCRC32Bits;
   if (type == kNoChecksum) return value == 0;
-  return bits > kCRC32Bits && bits <= 8 * kChecksumBytes;
+  return type <= kMostKinds && bits > kCRC32Bits && bits <= 8 * kChecksumBytes;
 }
 
 void putRun(const Run& run, base::ByteWriter& out) {

@@ -272,6 +272,7 @@ TEST(Trailer, refusesAChecksumThatLostItsKind) {
   EXPECT_FALSE(withDataChecksum(3, 32, 0x1234));
   EXPECT_FALSE(withDataChecksum(2, 31, 0x1234));
   EXPECT_FALSE(withDataChecksum(4, 1025, 0x1234));
+  EXPECT_FALSE(withDataChecksum(0x12345678, 160, 0x1234));
 }
 
 TEST(Trailer, refusesOtherFiles) {
