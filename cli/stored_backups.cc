@@ -85,6 +85,7 @@ std::vector<Backup> StoredBackups::of(const std::string& volume) const {
 }
 
 Expected<Backup> StoredBackups::find(const std::string& name) const {
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the Expected that is returned owns it
   if (name.ends_with(kImageExtension) && host_.files.fileExists(name)) return imageAt(name);
   const auto slash = name.find('/');
   if (slash != name.npos && hasFolder(name.substr(0, slash)))

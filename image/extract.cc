@@ -537,7 +537,7 @@ class Extraction {
       const auto firstFolder = firstWay.open(contents_[first].parent);
       if (!firstFolder) return at(contents_[first].parent, firstFolder.error().message);
       const HostFolder& into = **folder;
-      const HostFolder& from = **firstFolder;
+      const HostFolder& from = **firstFolder;  // NOLINT(clang-analyzer-core.NullDereference): there is one
       const auto made = place(into, entry, [&](const std::string& as) -> base::Result<Made> {
         auto linked = into.makeHardLink(as, from, name(first));
         if (!linked || *linked != Made::notPossible) return linked;

@@ -174,11 +174,11 @@ void runServer(const MountRequest& request, const OpenVolume& open, os::FileDesc
 
 }  // namespace
 
-base::Result<Mounted> mountVolume(const MountRequest& given, const OpenVolume& open,
+base::Result<Mounted> mountVolume(const MountRequest& request, const OpenVolume& open,
                                   const std::atomic<bool>* cancelled) {
-  MountRequest request = given;
-  request.image = std::filesystem::absolute(given.image);
-  if (given.mountPoint) request.mountPoint = absolutePlace(*given.mountPoint);
+  MountRequest absolute = request;
+  absolute.image = std::filesystem::absolute(request.image);
+  if (request.mountPoint) absolute.mountPoint = absolutePlace(*request.mountPoint);
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return os::posixError("cannot make", "a pipe", errno);
   const os::FileDescriptor reader(ends[0]);
@@ -187,7 +187,7 @@ base::Result<Mounted> mountVolume(const MountRequest& given, const OpenVolume& o
   if (server < 0) return os::posixError("cannot start", "a server", errno);
   if (server == 0) {
     ::close(ends[0]);
-    runServer(request, open, std::move(writer));
+    runServer(absolute, open, std::move(writer));
     ::_exit(0);
   }
   writer = os::FileDescriptor();

@@ -181,6 +181,7 @@ class Listing {
 };
 
 Listing* listingOf(const fuse_file_info* open) {
+  // The kernel keeps it as a number. NOLINTNEXTLINE(performance-no-int-to-ptr)
   return reinterpret_cast<Listing*>(static_cast<std::uintptr_t>(open->fh));
 }
 
@@ -386,7 +387,7 @@ void VolumeServer::serveWhileReadingAhead() {
     if (::poll(&device, 1, kInterval) > 0 && fuse_session_receive_buf(session_, &request) > 0)
       fuse_session_process_buf(session_, &request);
   }
-  std::free(request.mem);
+  std::free(request.mem);  // NOLINT(cppcoreguidelines-no-malloc): the library's
 }
 
 }  // namespace image::fuse

@@ -45,7 +45,7 @@ struct Chunk {
 
 struct StoredChunk {
   Chunk chunk;
-  RunType type = RunType::zeros;
+  RunType type = RunType::zeros;  // NOLINT(clang-analyzer-core.uninitialized.Assign): it has a value
   codec::CRC32 plain;
   codec::CRC32 stored{};
   // Null for zeros.

@@ -47,7 +47,7 @@ const SecretSchema kSchema = {"com.stashwick.Keychain",
 class Deadline {
  public:
   explicit Deadline(std::chrono::milliseconds patience)
-      : waiter_([this, until = std::chrono::steady_clock::now() + patience](std::stop_token stopped) {
+      : waiter_([this, until = std::chrono::steady_clock::now() + patience](const std::stop_token& stopped) {
           std::unique_lock lock(mutex_);
           if (!ended_.wait_until(lock, stopped, until, [] { return false; }) && !stopped.stop_requested())
             g_cancellable_cancel(cancellable_.get());

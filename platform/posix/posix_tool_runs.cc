@@ -187,8 +187,8 @@ std::optional<double> PosixToolRuns::progress() const {
   double percent = 0;
   if (!line.starts_with(kBegin) || !line.ends_with('\n')) return std::nullopt;
   const auto [end, error] = std::from_chars(line.data() + kBegin.size(), line.data() + line.size(), percent);
-  if (error != std::errc() || !(percent >= 0 && percent <= 100)) return std::nullopt;
-  return percent / 100;
+  const bool isPercent = error == std::errc() && percent >= 0 && percent <= 100;
+  return isPercent ? std::optional(percent / 100) : std::nullopt;
 }
 
 void PosixToolRuns::setBackground(bool background) {

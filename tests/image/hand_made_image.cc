@@ -87,45 +87,46 @@ Bytes storedAs(udif::RunType type, const Bytes& plain) {
   }
 }
 
-Bytes handMadeImage(const std::vector<HandMadeTable>& given, const HandMadeLayout& layout) {
-  std::vector<udif::BlockTable> tables;
-  for (const HandMadeTable& table : given) {
-    tables.push_back({.name = table.name,
-                      .descriptor = static_cast<std::uint32_t>(tables.size()),
-                      .firstSector = table.firstSector,
-                      .sectorCount = table.sectorCount,
-                      .dataOffset = table.dataOffset});
+Bytes handMadeImage(const std::vector<HandMadeTable>& tables, const HandMadeLayout& layout) {
+  std::vector<udif::BlockTable> decoded;
+  for (const HandMadeTable& table : tables) {
+    decoded.push_back({.name = table.name,
+                       .descriptor = static_cast<std::uint32_t>(decoded.size()),
+                       .firstSector = table.firstSector,
+                       .sectorCount = table.sectorCount,
+                       .dataOffset = table.dataOffset});
     codec::CRC32 sum;
     for (const HandMadeChunk& chunk : table.chunks) {
-      tables.back().runs.push_back({chunk.type, chunk.firstSector, chunk.plain.size() / 512, 0, 0});
+      decoded.back().runs.push_back({chunk.type, chunk.firstSector, chunk.plain.size() / 512, 0, 0});
       if (chunk.type != udif::RunType::ignored) sum.append(codec::CRC32::of(chunk.plain));
     }
-    if (layout.summed) tables.back().checksum = sum.value();
+    if (layout.summed) decoded.back().checksum = sum.value();
   }
   Bytes file(layout.dataForkOffset, std::byte{0xEE});
   const auto store = [&](std::size_t table, std::size_t chunk) {
-    const auto stored = storedAs(given[table].chunks[chunk].type, given[table].chunks[chunk].plain);
+    const auto stored = storedAs(tables[table].chunks[chunk].type, tables[table].chunks[chunk].plain);
     if (stored.empty()) return;
-    file.insert(file.end(), std::max<std::size_t>(layout.gap, tables[table].dataOffset), std::byte{0xDD});
-    tables[table].runs[chunk].offset = file.size() - layout.dataForkOffset - tables[table].dataOffset;
-    tables[table].runs[chunk].length = stored.size();
+    file.insert(file.end(), std::max<std::size_t>(layout.gap, decoded[table].dataOffset), std::byte{0xDD});
+    decoded[table].runs[chunk].offset = file.size() - layout.dataForkOffset - decoded[table].dataOffset;
+    decoded[table].runs[chunk].length = stored.size();
     file.insert(file.end(), stored.begin(), stored.end());
   };
   std::vector<std::pair<std::size_t, std::size_t>> order;
-  for (std::size_t table = 0; table < given.size(); ++table)
-    for (std::size_t chunk = 0; chunk < given[table].chunks.size(); ++chunk) order.emplace_back(table, chunk);
+  for (std::size_t table = 0; table < tables.size(); ++table)
+    for (std::size_t chunk = 0; chunk < tables[table].chunks.size(); ++chunk)
+      order.emplace_back(table, chunk);
   if (layout.backwards) std::ranges::reverse(order);
   for (const auto& [table, chunk] : order) store(table, chunk);
   udif::Trailer trailer;
   trailer.dataForkOffset = layout.dataForkOffset;
   trailer.dataForkLength = file.size() - layout.dataForkOffset;
-  for (const auto& table : tables)
+  for (const auto& table : decoded)
     trailer.sectorCount = std::max(trailer.sectorCount, table.firstSector + table.sectorCount);
   if (layout.summed)
     trailer.dataChecksum =
         codec::CRC32::of(std::span<const std::byte>(file).subspan(layout.dataForkOffset)).value();
-  trailer.masterChecksum = udif::masterChecksum(tables);
-  const auto text = base::writeXMLPropertyList(udif::encodeResources(tables, 0));
+  trailer.masterChecksum = udif::masterChecksum(decoded);
+  const auto text = base::writeXMLPropertyList(udif::encodeResources(decoded, 0));
   trailer.propertyListOffset = file.size();
   trailer.propertyListLength = text.size();
   const auto list = std::as_bytes(std::span(text));

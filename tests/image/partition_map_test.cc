@@ -1,6 +1,7 @@
 #include "image/block/partition_map.h"
 
 #include <algorithm>
+#include <array>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
@@ -284,9 +285,10 @@ TEST(PartitionMap, saysThatTheDiskCannotBeRead) {
 
 TEST(PartitionMap, neverTellsOfWhatLiesOutsideTheDisk) {
   std::mt19937 random(4);
-  const MadeDisk whole[] = {GUIDDisk(), AppleDisk(512, "Apple_HFS"), Wrapper()};
+  const std::array whole{GUIDDisk().bytes, AppleDisk(512, "Apple_HFS").bytes, Wrapper().bytes};
   for (int i = 0; i < 30'000; ++i) {
-    MadeDisk disk = whole[i % 3];
+    MadeDisk disk(0);
+    disk.bytes = whole[static_cast<std::size_t>(i) % whole.size()];
     for (int flips = 0; flips < 6; ++flips) disk.bytes[random() % 2048] = static_cast<std::byte>(random());
     const auto map = disk.read();
     if (!map) continue;

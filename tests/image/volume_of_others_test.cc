@@ -523,7 +523,8 @@ class JournaledVolume : public testing::Test {
   }
 
   // A volume whose one file is old on disk.
-  std::vector<std::byte> volumeWith(const std::function<std::string(std::uint64_t oldFile)>& makeJournal) {
+  std::vector<std::byte> volumeWith(
+      const std::function<std::string(std::uint64_t oldFile)>& makeJournal) const {
     HandMadeVolume made;
     const auto data = made.store(std::string(3 * 4096, 'o'));
     made.addFile({.name = u"file", .data = data});

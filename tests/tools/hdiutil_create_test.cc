@@ -481,7 +481,7 @@ TEST_F(HdiutilOnASmallDisk, refusesWhatClearlyDoesNotFitBeforeItWritesIt) {
 }
 
 TEST_F(HdiutilOnASmallDisk, takesWhatFitsOnlyCompressed) {
-  write("text", std::string(30'000'000, 't'));
+  write("text", std::string(8'000'000, 't'));
   write("noise", noise(500'000, 3));
   EXPECT_EQ(createThere().output, "created: " + small + "/out.dmg\nout.dmg\n");
 }

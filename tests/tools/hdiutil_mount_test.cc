@@ -8,13 +8,12 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 using TakenName = image::MountRequest::TakenName;
 
 // The verbs, above a host that only says what it was asked for.
 class MountVerb : public testing::Test {
  protected:
-  MountVerb() {
+  void SetUp() override {
     scratch.write("source/file", "text");
     create(plain, {});
     create(encrypted, {"-encryption", "AES-128", "-stdinpass"});

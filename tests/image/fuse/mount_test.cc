@@ -23,9 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace image;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::UnorderedElementsAre;
 
 constexpr std::uint32_t kRoot = MemoryVolume::kRoot;
 

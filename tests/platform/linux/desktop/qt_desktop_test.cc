@@ -45,7 +45,7 @@ class QtFixture {
   bool runUntil(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 30000); }
 
   void answerNextAlert(int button, bool suppressed, Act whileOpen) {
-    once([this, button, suppressed, whileOpen = std::move(whileOpen)](QMessageBox& box) {
+    once([button, suppressed, whileOpen = std::move(whileOpen)](QMessageBox& box) {
       if (whileOpen) whileOpen();
       if (box.checkBox() != nullptr && box.checkBox()->isChecked() != suppressed) box.checkBox()->click();
       press(box, kTitles.at(static_cast<std::size_t>(button)));

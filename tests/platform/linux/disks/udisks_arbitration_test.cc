@@ -19,11 +19,8 @@
 namespace platform::freedesktop {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 // The main queue, where delays pass when the test says so.
 class HeldDelays : public ports::MainQueue {
