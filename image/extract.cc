@@ -537,8 +537,9 @@ class Extraction {
       const auto firstFolder = firstWay.open(contents_[first].parent);
       if (!firstFolder) return at(contents_[first].parent, firstFolder.error().message);
       const HostFolder& into = **folder;
-      const HostFolder& from = **firstFolder;  // NOLINT(clang-analyzer-core.NullDereference): there is one
+      const HostFolder& from = **firstFolder;
       const auto made = place(into, entry, [&](const std::string& as) -> base::Result<Made> {
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): there is a folder where there is no error
         auto linked = into.makeHardLink(as, from, name(first));
         if (!linked || *linked != Made::notPossible) return linked;
         leftOut_.add("hard link", "there are none there; it is a file of its own", entry);

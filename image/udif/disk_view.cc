@@ -300,8 +300,8 @@ base::Result<Buffer> DiskView::State::decode(const Segment& segment, Workbench& 
   if (auto checked = checkCompressed(*segment.run, segment.table->name); !checked) return checked.error();
   bench.stored.resize(segment.run->length);
   if (auto read = image_.readStored(*segment.table, *segment.run, bench.stored); !read) return read.error();
-  Buffer plain = buffers_.take(segment.runBytes());
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): a buffer gives its memory back
+  Buffer plain = buffers_.take(segment.runBytes());
   if (auto done = bench.decoder.decode(*segment.run, segment.table->name, bench.stored, plain.bytes()); !done)
     return done.error();
   return plain;

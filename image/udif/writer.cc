@@ -43,9 +43,9 @@ struct Chunk {
   std::uint64_t sectorCount = 0;
 };
 
-struct StoredChunk {
+struct StoredChunk {  // NOLINT(clang-analyzer-core.uninitialized.Assign): its type has a value
   Chunk chunk;
-  RunType type = RunType::zeros;  // NOLINT(clang-analyzer-core.uninitialized.Assign): it has a value
+  RunType type = RunType::zeros;
   codec::CRC32 plain;
   codec::CRC32 stored{};
   // Null for zeros.

@@ -75,7 +75,7 @@ TEST_F(HdiutilContents, listsWhatATerminalCannotBeHarmedBy) {
   write("two\nlines", "2");
   write("back\\slash", "3");
   write("bad\xff", "4");
-  write("turned\xE2\x80\xAEtxt", "5");
+  write("turned\xE2\x80\xAEtxt", "5");  // NOLINT(misc-misleading-bidirectional): what a terminal must not get
   write("größe 日本", "6");
   create();
   EXPECT_THAT(listed({image}), AllOf(HasSubstr("red\\x1b[31m\n"), HasSubstr("two\\x0alines\n"),
