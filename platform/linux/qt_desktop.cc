@@ -244,10 +244,9 @@ std::shared_ptr<const ports::Image> QtDesktop::iconForFile(const std::string& pa
 void QtDesktop::showMenuWindow() {
   if (!menu_) return;
   if (!window_) {
-    window_ = new QDialog;
-    window_->setAttribute(Qt::WA_DeleteOnClose);
+    window_ = std::make_unique<QDialog>();
     window_->setWindowTitle(kApplicationName);
-    new QVBoxLayout(window_);
+    new QVBoxLayout(window_.get());
   }
   fillWindow();
   window_->show();
@@ -282,7 +281,7 @@ void QtDesktop::fillWindow() {
 void QtDesktop::close() {
   closed_ = true;
   for (QMessageBox* box : std::vector(open_)) box->done(kClosed);
-  delete window_;
+  window_.reset();
 }
 
 }  // namespace platform::freedesktop

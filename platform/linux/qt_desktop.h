@@ -4,7 +4,6 @@
 #include <QDialog>
 #include <QIcon>
 #include <QMessageBox>
-#include <QPointer>
 #include <functional>
 #include <memory>
 #include <string>
@@ -73,7 +72,7 @@ class QtDesktop : public ports::Desktop {
   SoundPlayer sounds_;
   std::unique_ptr<StatusMenu> menu_;
   std::unique_ptr<QSystemTrayIcon> tray_;
-  QPointer<QDialog> window_;
+  std::unique_ptr<QDialog> window_;
   std::string imageName_;
   bool busy_ = false;
   bool activates_ = false;
