@@ -9,7 +9,7 @@
 
 #include "base/mutex.h"
 #include "image/contents.h"
-#include "image/hfs/tree.h"
+#include "image/item_kind.h"
 #include "image/os/host.h"
 #include "image/os/host_folder.h"
 
@@ -24,27 +24,6 @@ constexpr std::size_t kRangeBytes = std::size_t{1} << 20;
 // Files of one folder that one thread reads together.
 constexpr std::size_t kBatchItems = 256;
 constexpr std::uint64_t kBatchBytes = std::uint64_t{4} << 20;
-
-std::optional<ItemKind> kindOf(const HostItem& item) {
-  switch (item.mode & hfs::mode::kType) {
-    case hfs::mode::kFolder:
-      return ItemKind::folder;
-    case hfs::mode::kRegular:
-      return ItemKind::file;
-    case hfs::mode::kSymbolicLink:
-      return ItemKind::symbolicLink;
-    case hfs::mode::kFIFO:
-      return ItemKind::fifo;
-    case hfs::mode::kSocket:
-      return ItemKind::socket;
-    case hfs::mode::kCharacterDevice:
-      return ItemKind::characterDevice;
-    case hfs::mode::kBlockDevice:
-      return ItemKind::blockDevice;
-    default:
-      return std::nullopt;
-  }
-}
 
 std::string joined(const std::string& folder, std::string_view name) {
   return folder.empty() ? std::string(name) : folder + "/" + std::string(name);
@@ -123,13 +102,13 @@ class Comparison {
 
   void addAdded(const std::string& path, const HostItem& item) {
     differences_.push_back({path, Change::added});
-    if (kindOf(item) == ItemKind::folder) folders_.push_back({Contents::kNone, path});
+    if (kindOfMode(item.mode) == ItemKind::folder) folders_.push_back({Contents::kNone, path});
   }
 
   base::Result<void> compareItem(const HostFolder& folder, Index entry, const HostItem& found, Job& job) {
     const Item& item = contents_[entry].item;
     const std::string path = joined(job.folder, found.name);
-    if (kindOf(found) != item.kind) {
+    if (kindOfMode(found.mode) != item.kind) {
       addKind(entry, path, found);
       return {};
     }
@@ -162,7 +141,7 @@ class Comparison {
   void addKind(Index entry, const std::string& path, const HostItem& found) {
     differences_.push_back({path, Change::changed, {"kind"}});
     for (Index i = 0; i < contents_[entry].children; ++i) addRemoved(contents_[entry].firstChild + i);
-    if (kindOf(found) == ItemKind::folder) folders_.push_back({Contents::kNone, path});
+    if (kindOfMode(found.mode) == ItemKind::folder) folders_.push_back({Contents::kNone, path});
   }
 
   base::Result<bool> isSameTarget(const HostFolder& folder, const Item& item, const HostItem& found) const {

@@ -12,6 +12,7 @@
 #include "image/hfs/cost_cache.h"
 #include "image/hfs/folder_names.h"
 #include "image/hfs/volume_reader.h"
+#include "image/item_kind.h"
 
 namespace image {
 namespace {
@@ -37,22 +38,11 @@ Instant instant(std::uint32_t date, std::uint32_t otherwise, std::uint32_t fract
   return {date - kSecondsFrom1904To1970, fraction};
 }
 
+// A record of a file is never a folder's, whatever its mode says.
 ItemKind kindOf(const CatalogRecord& record) {
   if (record.isFolder) return ItemKind::folder;
-  switch (record.mode & hfs::mode::kType) {
-    case hfs::mode::kSymbolicLink:
-      return ItemKind::symbolicLink;
-    case hfs::mode::kFIFO:
-      return ItemKind::fifo;
-    case hfs::mode::kSocket:
-      return ItemKind::socket;
-    case hfs::mode::kCharacterDevice:
-      return ItemKind::characterDevice;
-    case hfs::mode::kBlockDevice:
-      return ItemKind::blockDevice;
-    default:
-      return ItemKind::file;
-  }
+  const auto kind = kindOfMode(record.mode).value_or(ItemKind::file);
+  return kind == ItemKind::folder ? ItemKind::file : kind;
 }
 
 // From 8 bits of major and 24 of minor number; a minor number that is too large is the largest.

@@ -102,8 +102,8 @@ int runCommand(const std::vector<std::string>& arguments) {
   QuietLog log;
   posix::MainLoop loop;
   bool isInterrupted = false;
-  posix::PathMap paths(posix::PathMap::defaultToolsFolder(), posix::dataHome() + "/stashwick/Volumes");
-  posix::PathMap diskPaths(posix::PathMap::defaultToolsFolder(), posix::dataHome() + "/stashwick/Volumes");
+  posix::PathMap paths(posix::PathMap::defaultToolsFolder(), posix::unregisteredVolumesFolder());
+  posix::PathMap diskPaths(posix::PathMap::defaultToolsFolder(), posix::unregisteredVolumesFolder());
   posix::PosixFiles files(paths);
   posix::PosixFiles walkedFiles(paths);
   posix::PosixToolRuns tools(paths, log);
