@@ -79,7 +79,13 @@ bool waitForReport(int file, const std::atomic<bool>* cancelled) {
 // What libfuse and fusermount3 say on standard error, until it goes away.
 class CapturedErrors {
  public:
-  CapturedErrors() : file_(::memfd_create("errors", MFD_CLOEXEC)) { ::dup2(file_.number(), STDERR_FILENO); }
+  CapturedErrors()
+      : before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)), file_(::memfd_create("errors", MFD_CLOEXEC)) {
+    ::dup2(file_.number(), STDERR_FILENO);
+  }
+  ~CapturedErrors() { ::dup2(before_.number(), STDERR_FILENO); }
+  CapturedErrors(const CapturedErrors&) = delete;
+  CapturedErrors& operator=(const CapturedErrors&) = delete;
 
   // On one line.
   std::string text() const {
@@ -92,6 +98,7 @@ class CapturedErrors {
   }
 
  private:
+  os::FileDescriptor before_;
   os::FileDescriptor file_;
 };
 
@@ -168,7 +175,6 @@ void runServer(const MountRequest& request, const OpenVolume& open, os::FileDesc
   MountedVolume mounted;
   const auto outcome = mounted.mount(request, open);
   if (!report.tell(outcome) || !outcome || !mounted.isServing()) return;
-  silenceStreams();
   mounted.serve();
 }
 
