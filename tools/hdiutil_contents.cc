@@ -221,14 +221,16 @@ Contents::Index startOf(const Contents& contents, const std::string& path) {
   return at;
 }
 
-base::Result<std::unique_ptr<image::Volume>> openVolume(const Arguments& arguments, const HdiutilHost& host) {
+base::Result<std::unique_ptr<image::Volume>> openVolume(const Arguments& arguments, const HdiutilHost& host,
+                                                        image::Volume::Options options = {}) {
   auto opened = openImage(arguments.operands()[0], arguments, host);
   if (!opened) return opened.error();
-  return image::Volume::open(std::move(*opened));
+  return image::Volume::open(std::move(*opened), options);
 }
 
 base::Result<void> listVolume(const Arguments& arguments, const HdiutilHost& host) {
-  const auto volume = openVolume(arguments, host);
+  // Each folder is looked at once: keeping more would cost more than it saves.
+  const auto volume = openVolume(arguments, host, {.cacheBytes = std::uint64_t{16} << 20});
   if (!volume) return volume.error();
   const std::vector<std::string> paths(arguments.operands().begin() + 1, arguments.operands().end());
   const auto contents = Contents::read(**volume, paths, &host.cancelled);

@@ -15,7 +15,7 @@ class Collector {
   Collector(std::uint32_t file, const AttributesReader::Visitor& visit) : file_(file), visit_(visit) {}
 
   base::Result<bool> take(const RecordView& record) {
-    AttributeKey key = attributeKey(record.key);
+    const AttributeKey key = attributeKey(record.key);
     if (key.file != file_) return false;
     base::ByteReader in(record.data);
     const auto type = in.get<std::uint32_t>();
@@ -34,9 +34,9 @@ class Collector {
  private:
   base::Error damaged() const { return {"an attribute of item " + std::to_string(file_) + " is damaged"}; }
 
-  base::Result<void> takeAttribute(AttributeKey& key, std::uint32_t type, base::ByteReader& in) {
+  base::Result<void> takeAttribute(const AttributeKey& key, std::uint32_t type, base::ByteReader& in) {
     if (auto finished = finish(); !finished) return finished;
-    StoredAttribute attribute{.name = std::move(key.name), .isFork = type == kForkData};
+    StoredAttribute attribute{.name = std::u16string(key.name.text()), .isFork = type == kForkData};
     if (type == kForkData) {
       in.skip(4);
       attribute.fork = getFork(in);
@@ -51,7 +51,7 @@ class Collector {
   }
 
   base::Result<void> takeExtents(const AttributeKey& key, base::ByteReader& in) {
-    if (!pending_ || pending_->name != key.name) return damaged();
+    if (!pending_ || pending_->name != key.name.text()) return damaged();
     in.skip(4);
     std::uint64_t known = 0;
     for (const Extent& extent : pending_->fork.extents) known += extent.blocks;

@@ -16,10 +16,12 @@ base::Error recordError(std::uint32_t folder) {
 
 std::uint16_t typeOf(const RecordView& record) { return base::ByteReader(record.data).get<std::uint16_t>(); }
 
-base::Result<CatalogRecord> decodeRecord(const RecordView& view) {
-  auto [parent, name] = catalogKey(view.key);
-  CatalogRecord record{.parent = parent, .name = std::move(name)};
-  base::ByteReader in(view.data);
+// Puts it where another one may have been, whose memory serves again.
+base::Result<void> decodeRecord(const CatalogKey& key, std::span<const std::byte> data,
+                                CatalogRecord& record) {
+  record.parent = key.parent;
+  record.name.assign(key.name.text());
+  base::ByteReader in(data);
   const auto type = in.get<std::uint16_t>();
   record.isFolder = type == kFolderRecord;
   record.flags = in.get<std::uint16_t>();
@@ -38,20 +40,18 @@ base::Result<CatalogRecord> decodeRecord(const RecordView& view) {
   record.special = in.get<std::uint32_t>();
   std::ranges::copy(in.take(record.finderInfo.size()), record.finderInfo.begin());
   in.skip(4 + 4);
-  if (type == kFileRecord) {
-    record.data = getFork(in);
-    record.resources = getFork(in);
-  }
+  record.data = type == kFileRecord ? getFork(in) : ForkRecord();
+  record.resources = type == kFileRecord ? getFork(in) : ForkRecord();
   const bool isKnown = type == kFolderRecord || type == kFileRecord;
-  if (!isKnown || !in.ok() || record.id < 2 || record.name.empty()) return recordError(parent);
-  return record;
+  if (!isKnown || !in.ok() || record.id < 2 || record.name.empty()) return recordError(key.parent);
+  return {};
 }
 
 BTreeReader::Probe probeFor(std::uint32_t parent, std::u16string_view name, NameOrder order) {
   return [parent, name, order](std::span<const std::byte> bytes) {
     const CatalogKey key = catalogKey(bytes);
     if (const auto parents = key.parent <=> parent; parents != 0) return parents;
-    return compareNames(key.name, name, order);
+    return compareNames(key.name.text(), name, order);
   };
 }
 
@@ -59,14 +59,17 @@ BTreeReader::Probe probeFor(std::uint32_t parent, std::u16string_view name, Name
 
 base::Result<std::optional<CatalogRecord>> CatalogReader::find(std::uint32_t folder,
                                                                std::u16string_view name) const {
-  base::Result<CatalogRecord> record = recordError(folder);
-  const auto found = tree_.find(probeFor(folder, name, order_),
-                                [&](const RecordView& view) { record = decodeRecord(view); });
+  CatalogRecord record;
+  base::Result<void> decoded;
+  const auto decode = [&](const RecordView& view) {
+    decoded = decodeRecord(catalogKey(view.key), view.data, record);
+  };
+  const auto found = tree_.find(probeFor(folder, name, order_), decode);
   if (!found) return found.error();
   if (!*found) return std::optional<CatalogRecord>();
-  if (!record) return record.error();
-  if (record->name != name) return std::optional<CatalogRecord>();
-  return std::optional(*std::move(record));
+  if (!decoded) return decoded.error();
+  if (record.name != name) return std::optional<CatalogRecord>();
+  return std::optional(std::move(record));
 }
 
 base::Result<CatalogRecord> CatalogReader::byID(std::uint32_t id) const {
@@ -95,16 +98,17 @@ base::Result<CatalogRecord> CatalogReader::byID(std::uint32_t id) const {
 
 base::Result<void> CatalogReader::list(std::uint32_t folder, const Visitor& visit) const {
   bool isFolder = false;
+  CatalogRecord record;
   const auto visitRecord = [&](const RecordView& view) -> base::Result<bool> {
-    if (catalogKey(view.key).parent != folder) return false;
+    const CatalogKey key = catalogKey(view.key);
+    if (key.parent != folder) return false;
     const auto type = typeOf(view);
     if (!isFolder) {
       isFolder = type == kFolderThread;
       return isFolder;
     }
-    auto record = decodeRecord(view);
-    if (!record) return record.error();
-    return visit(*record);
+    if (auto decoded = decodeRecord(key, view.data, record); !decoded) return decoded.error();
+    return visit(record);
   };
   if (auto scanned = tree_.scan(probeFor(folder, {}, order_), visitRecord); !scanned) return scanned;
   if (!isFolder) return base::Error{"there is no folder " + std::to_string(folder)};

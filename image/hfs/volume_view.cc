@@ -16,26 +16,18 @@ T loadAt(std::span<const std::byte> bytes, std::size_t at) {
   return base::loadBigEndian<T>(bytes.data() + at);
 }
 
-std::u16string nameAt(std::span<const std::byte> bytes, std::size_t at, std::size_t units) {
-  std::u16string name;
-  name.reserve(units);
-  for (std::size_t i = 0; i < units; ++i)
-    name.push_back(static_cast<char16_t>(loadAt<std::uint16_t>(bytes, at + 2 * i)));
-  return name;
-}
-
-// The UTF-16 text whose length stands at `at`, or what of it is inside the key.
-std::u16string keyName(std::span<const std::byte> key, std::size_t at) {
-  if (key.size() < at + 2) return {};
-  const std::size_t units = std::min<std::size_t>(loadAt<std::uint16_t>(key, at), (key.size() - at - 2) / 2);
-  return nameAt(key, at + 2, units);
-}
-
 std::uint32_t number(std::span<const std::byte> key, std::size_t at) {
   return key.size() < at + 4 ? 0 : loadAt<std::uint32_t>(key, at);
 }
 
 }  // namespace
+
+KeyName::KeyName(std::span<const std::byte> key, std::size_t at) {
+  if (key.size() < at + 2) return;
+  size_ = std::min<std::size_t>({loadAt<std::uint16_t>(key, at), (key.size() - at - 2) / 2, units_.size()});
+  for (std::size_t i = 0; i < size_; ++i)
+    units_[i] = static_cast<char16_t>(loadAt<std::uint16_t>(key, at + 2 + 2 * i));
+}
 
 ForkRecord getFork(base::ByteReader& in) {
   ForkRecord fork;
@@ -123,10 +115,10 @@ RecordView splitRecord(std::span<const std::byte> record) {
   return {record.first(length), record.subspan(data)};
 }
 
-CatalogKey catalogKey(std::span<const std::byte> key) { return {number(key, 2), keyName(key, 6)}; }
+CatalogKey catalogKey(std::span<const std::byte> key) { return {number(key, 2), KeyName(key, 6)}; }
 
 AttributeKey attributeKey(std::span<const std::byte> key) {
-  return {number(key, 4), number(key, 8), keyName(key, 12)};
+  return {number(key, 4), number(key, 8), KeyName(key, 12)};
 }
 
 ExtentsKey extentsKey(std::span<const std::byte> key) {
@@ -137,7 +129,7 @@ ExtentsKey extentsKey(std::span<const std::byte> key) {
 KeyOrder catalogOrder(NameOrder order) {
   return [order](std::span<const std::byte> a, std::span<const std::byte> b) {
     if (const auto parents = number(a, 2) <=> number(b, 2); parents != 0) return parents;
-    return compareNames(keyName(a, 6), keyName(b, 6), order);
+    return compareNames(KeyName(a, 6).text(), KeyName(b, 6).text(), order);
   };
 }
 
@@ -156,7 +148,8 @@ KeyOrder extentsOrder() {
 KeyOrder attributesOrder() {
   return [](std::span<const std::byte> a, std::span<const std::byte> b) {
     if (const auto files = number(a, 4) <=> number(b, 4); files != 0) return files;
-    if (const auto names = compareNames(keyName(a, 12), keyName(b, 12), NameOrder::binary); names != 0)
+    if (const auto names = compareNames(KeyName(a, 12).text(), KeyName(b, 12).text(), NameOrder::binary);
+        names != 0)
       return names;
     return number(a, 8) <=> number(b, 8);
   };

@@ -119,18 +119,30 @@ struct RecordView {
 };
 RecordView splitRecord(std::span<const std::byte> record);
 
+// The UTF-16 text in a key whose length stands at `at`, or what of it is inside the key and not longer than
+// any name. Takes no memory: keys are compared by the million.
+class KeyName {
+ public:
+  KeyName(std::span<const std::byte> key, std::size_t at);
+  std::u16string_view text() const { return {units_.data(), size_}; }
+
+ private:
+  std::array<char16_t, kMaxNameUnits> units_;
+  std::size_t size_ = 0;
+};
+
 // What stands in a catalog key, or as much of it as is inside.
 struct CatalogKey {
-  std::uint32_t parent = 0;
-  std::u16string name{};
+  std::uint32_t parent;
+  KeyName name;
 };
 CatalogKey catalogKey(std::span<const std::byte> key);
 
 // The same of an attributes key.
 struct AttributeKey {
-  std::uint32_t file = 0;
-  std::uint32_t firstBlock = 0;
-  std::u16string name{};
+  std::uint32_t file;
+  std::uint32_t firstBlock;
+  KeyName name;
 };
 AttributeKey attributeKey(std::span<const std::byte> key);
 
