@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include "app/agent_app_delegate.h"
+#include "base/format.h"
 #include "main/locked_tool_runs.h"
 #include "main/watched_tool_runs.h"
 #include "platform/linux/agent_bus.h"
@@ -150,10 +151,15 @@ int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
                                  [] { QApplication::quit(); });
   freedesktop::Inhibitor inhibitor;
   std::optional<freedesktop::AgentBus> bus;
-  WatchedToolRuns tools(lockedTools, queue, [&](const std::optional<std::string>& volume) {
-    desktop.setBusy(volume.has_value());
-    volume ? inhibitor.begin("Backing up " + *volume) : inhibitor.end();
-    if (bus) bus->tellStateChanged();
+  WatchedToolRuns tools(lockedTools, [&](const std::optional<std::string>& volume) {
+    // Not by the queue: a question that nobody answers would hold that up, and so the machine awake.
+    volume
+        ? inhibitor.begin(base::stringWithFormat(bundle.localizedString("Backing up \"%@\" ..."), {*volume}))
+        : inhibitor.end();
+    queue.post([&desktop, &bus, busy = volume.has_value()] {
+      desktop.setBusy(busy);
+      if (bus) bus->tellStateChanged();
+    });
   });
   base::NotificationCenter notifications;
   const ports::Host host{disks,    keychain, desktop, tools, queue, files,        archives,

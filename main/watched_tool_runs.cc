@@ -17,8 +17,8 @@ std::optional<std::string> volumeOf(const ports::ToolRun& run) {
 std::string WatchedToolRuns::run(const ports::ToolRun& run) {
   const auto volume = volumeOf(run);
   if (!volume) return tools_.run(run);
-  queue_.post([this, volume] { watcher_(volume); });
+  watcher_(volume);
   std::string output = tools_.run(run);
-  queue_.post([this] { watcher_(std::nullopt); });
+  watcher_(std::nullopt);
   return output;
 }

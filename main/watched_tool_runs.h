@@ -4,24 +4,21 @@
 #include <optional>
 #include <string>
 
-#include "ports/main_queue.h"
 #include "ports/tool_runs.h"
 
-// Tool runs that tell, on the main queue, while an image is being made. Any thread.
+// Tool runs that tell while an image is being made. Any thread.
 class WatchedToolRuns : public ports::ToolRuns {
  public:
-  // The name of the volume while its image is made, nullopt afterwards.
+  // Called by the thread that makes an image: with the name of its volume before, with nullopt afterwards.
   using Watcher = std::function<void(const std::optional<std::string>& volume)>;
 
-  // All outlive this, and the queue's closures.
-  WatchedToolRuns(ports::ToolRuns& tools, ports::MainQueue& queue, Watcher watcher)
-      : tools_(tools), queue_(queue), watcher_(std::move(watcher)) {}
+  // The tools outlive this.
+  WatchedToolRuns(ports::ToolRuns& tools, Watcher watcher) : tools_(tools), watcher_(std::move(watcher)) {}
 
   std::unique_ptr<ports::InputPipe> makePipe() override { return tools_.makePipe(); }
   std::string run(const ports::ToolRun& run) override;
 
  private:
   ports::ToolRuns& tools_;
-  ports::MainQueue& queue_;
   const Watcher watcher_;
 };

@@ -21,7 +21,8 @@ struct MenuActions {
 QString plainText(const std::string& text);
 
 // A menu of the toolkit that shows ours. It lives as long as its place on the panel and is filled anew in
-// place: a panel that has it open would not hear of another one.
+// place: a panel that has it open would not hear of another one. Where the new items are like the old ones,
+// the toolkit's stay too, so that a click that is on its way still meets its item, and an open submenu stays.
 class StatusMenu {
  public:
   explicit StatusMenu(MenuActions actions) : actions_(std::move(actions)) {}
@@ -35,7 +36,9 @@ class StatusMenu {
 
  private:
   void fill(QMenu& into, const ports::Menu& from);
-  void add(QMenu& into, const std::shared_ptr<ports::MenuItem>& item);
+  void add(QMenu& into, const ports::MenuItem& item);
+  void update(QAction& action, const std::shared_ptr<ports::MenuItem>& item);
+  void choose(QAction& action);
 
   const MenuActions actions_;
   std::shared_ptr<const ports::Menu> menu_ = std::make_shared<ports::Menu>();

@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
@@ -180,6 +181,33 @@ TEST_F(QtMenu, isFilledAnewInPlace) {
   for (const char* title : {"One", "Two"}) status->setMenu(menuOf(std::make_shared<ports::MenuItem>(title)));
   EXPECT_EQ(&widget(), before);
   EXPECT_THAT(fixture.menuTitles(), testing::ElementsAre("Two"));
+}
+
+TEST_F(QtMenu, keepsAnItemThatSaysTheSameAndPerformsTheNewOne) {
+  fixture.desktop().setMenuResponder(&responder);
+  const auto status = fixture.desktop().createStatusItem(ports::kSquareStatusItemLength);
+  status->setMenu(menuOf(std::make_shared<ports::MenuItem>("Act", "old:")));
+  const QAction* before = widget().actions().front();
+  status->setMenu(menuOf(std::make_shared<ports::MenuItem>("Act", "new:")));
+  EXPECT_EQ(widget().actions().front(), before);
+  fixture.choose("Act");
+  EXPECT_THAT(responder.performed, testing::ElementsAre("new: Act"));
+  fixture.desktop().setMenuResponder(nullptr);
+}
+
+TEST_F(QtMenu, replacesAnItemThatSaysSomethingElseOrLosesItsMark) {
+  const auto status = fixture.desktop().createStatusItem(ports::kSquareStatusItemLength);
+  const auto itemFor = [&](const char* title, int state) {
+    auto item = std::make_shared<ports::MenuItem>(title, "act:");
+    item->state = state;
+    status->setMenu(menuOf(item));
+    return QPointer(widget().actions().front());
+  };
+  const auto marked = itemFor("Act", 1);
+  const auto plain = itemFor("Act", 0);
+  EXPECT_TRUE(marked.isNull());
+  itemFor("Act on another", 0);
+  EXPECT_TRUE(plain.isNull());
 }
 
 TEST_F(QtMenu, keepsAMarkUntilTheNextMenu) {
