@@ -5,6 +5,7 @@ usage: unshare --map-root-user --mount desktop_test.py BUILD_FOLDER CLASS[.TEST]
 One class at a time: what stands for a screen reader can only ever look at one desktop.
 """
 import os
+import signal
 import subprocess
 import sys
 import unittest
@@ -39,8 +40,7 @@ class DesktopTest(unittest.TestCase):
 
     def show_logs_of_a_failure(self):
         if any(problem for _, problem in self._outcome.result.failures + self._outcome.result.errors):
-            for log in sorted(self.desktop.folder.glob("*.log")):
-                print(f"--- {log.name}\n{log.read_text(errors='replace')[-4000:]}", file=sys.stderr)
+            self.desktop.show_logs()
 
     def start_agent(self):
         agent = Agent(self.desktop, self.programs)
@@ -53,8 +53,7 @@ class DesktopTest(unittest.TestCase):
 
     def plug_and_answer(self, answer, stick=None):
         (stick or self.stick).plug()
-        Window.wait().press(answer)
-        Window.wait_until_closed()
+        Window.wait().close(answer)
 
     def pull(self, agent, stick=None):
         """And waits until the agent has noticed."""
@@ -124,12 +123,12 @@ class Question(DesktopTest):
         other = self.desktop.stick("OTHER", "CAFE-0002", "sdc")
         other.plug()
         self.assertEqual(Window.wait().names("label")[0], 'Backup "OTHER"?')
-        Window.wait().press("Later")
-        Window.wait_until_closed()
+        Window.wait().close("Later")
         agent.choose('Backup "STICK" now ...')
         self.assertEqual(Window.wait().names("label")[0], 'Backup "STICK"?')
-        Window.wait().type_key(self.desktop, "Escape")
-        Window.wait_until_closed()
+        window = Window.wait()
+        window.type_key(self.desktop, "Escape")
+        window.wait_until_closed()
         self.assertEqual(agent.images("STICK"), [])
         self.assertEqual(agent.end(), 0)
 
@@ -246,7 +245,7 @@ class Failure(DesktopTest):
         self.stick.write("noise", os.urandom(9_000_000))
         self.plug_and_answer("Backup")
         wait_for("the failure", lambda: "create failed" in self.desktop.log_of("stashwick-agent"))
-        wait_for("an idle agent", lambda: agent.current_volume() == "")
+        wait_for("an idle agent", agent.is_idle)
         agent.choose('Backup "STICK" now ...')
         Window.wait().press("Backup")
         wait_for("the panel", lambda: Window.wait().names("push button") == ["OK"])
@@ -256,17 +255,62 @@ class Failure(DesktopTest):
                                   r"hdiutil: create failed - .*: not enough free space: .*\n\n"
                                   r"ZQStashwickErrorDomain \(Error -1\)$")
         # The engine judges the text at each change of its queue, and may tell of it more than once.
-        wait_for("the end of the failures", lambda: self.close_panel() and agent.current_volume() == "")
+        while wait_for("a panel or the end", lambda: Window.find() or agent.is_idle()) is not True:
+            Window.wait().close("OK")
         self.assertEqual(agent.images("STICK"), [])
         self.assertEqual(agent.end(), 0)
 
-    @staticmethod
-    def close_panel():
-        """Whether there was none."""
-        panel = Window.find()
-        if panel:
-            panel.press("OK")
-        return panel is None
+
+class Sleep(DesktopTest):
+    """Of the machine."""
+    def setUp(self):
+        super().setUp()
+        self.logind = self.desktop.start_logind()
+        self.addCleanup(self.desktop.end, self.logind)
+
+    def test_waits_while_a_backup_is_made(self):
+        agent = self.start_agent()
+        with self.programs.held_back():
+            self.plug_and_answer("Backup")
+            wait_for("two inhibitors", lambda: len(self.desktop.inhibitors()) == 2)
+            why = 'Backing up "STICK" ...'
+            self.assertEqual(self.desktop.inhibitors(), [("sleep", "Stashwick", why, "block"),
+                                                         ("shutdown", "Stashwick", why, "delay")])
+        wait_for("no inhibitor", lambda: self.desktop.inhibitors() == [])
+        agent.wait_until_idle(1)
+        self.assertEqual(agent.end(), 0)
+
+    def test_does_not_wait_for_an_answer_about_another_stick(self):
+        agent = self.start_agent()
+        with self.programs.held_back():
+            self.plug_and_answer("Backup")
+            wait_for("two inhibitors", lambda: len(self.desktop.inhibitors()) == 2)
+            self.desktop.stick("OTHER", "CAFE-0002", "sdc").plug()
+            Window.wait()
+        wait_for("no inhibitor", lambda: self.desktop.inhibitors() == [])
+        Window.wait().press("Later")
+        self.assertEqual(agent.end(), 0)
+
+    def test_does_not_wait_after_a_failure(self):
+        self.desktop.environment["XDG_DATA_HOME"] = str(self.desktop.mount("full", 4))
+        agent = self.start_agent()
+        self.stick.write("noise", os.urandom(9_000_000))
+        with self.programs.held_back():
+            self.plug_and_answer("Backup")
+            wait_for("two inhibitors", lambda: len(self.desktop.inhibitors()) == 2)
+        wait_for("no inhibitor", lambda: self.desktop.inhibitors() == [])
+        self.assertIn("create failed", self.desktop.log_of("stashwick-agent"))
+        self.assertEqual(agent.end(), 0)
+
+    def test_that_nobody_answers_for_holds_nothing_up(self):
+        agent = self.start_agent()
+        self.logind.send_signal(signal.SIGSTOP)
+        self.plug_and_answer("Backup")
+        self.check_image(*agent.wait_until_idle(1))
+        # What it grants too late is given back.
+        self.logind.send_signal(signal.SIGCONT)
+        wait_for("no inhibitor", lambda: self.desktop.inhibitors() == [])
+        self.assertEqual(agent.end(), 0)
 
 
 class WithoutPanel(DesktopTest):

@@ -78,6 +78,9 @@ class Agent:
     def ask(self, method, signature="()", *arguments):
         return self.session.call(NAME, PATH, NAME, method, signature, *arguments)
 
+    def is_idle(self):
+        return self.current_volume() == ""
+
     def current_volume(self):
         return self.session.get(NAME, PATH, NAME, "CurrentVolume")
 
@@ -112,8 +115,9 @@ class Agent:
     # The store.
 
     def image_tools(self):
-        """Command lines of the image tools that run."""
-        return [line for line in map(command_line, os.listdir("/proc")) if line.startswith(str(self.programs.hdiutil))]
+        """Command lines of this agent's image tools that run; other tests have their own."""
+        return [line for line in map(command_line, os.listdir("/proc"))
+                if line.startswith(str(self.programs.hdiutil)) and str(self.store) in line]
 
     def images(self, volume):
         return sorted((self.store / volume).glob("*.dmg"))
@@ -124,7 +128,7 @@ class Agent:
 
     def wait_until_idle(self, images, volume="STICK"):
         wait_for(f"{images} images of {volume}",
-                 lambda: len(self.images(volume)) == images and self.current_volume() == "")
+                 lambda: len(self.images(volume)) == images and self.is_idle())
         return self.images(volume)
 
 
@@ -184,7 +188,12 @@ class Window:
         return next(each for each in self.all(role) if each.name == name)
 
     def press(self, name, role="push button"):
+        """Once is enough: it stays down for a tenth of a second, and another press begins that anew."""
         self.named(role, name).queryAction().doAction(0)
+
+    def close(self, button):
+        self.press(button)
+        self.wait_until_closed()
 
     def left_of(self, role, name):
         """Where it begins on the screen."""
@@ -199,6 +208,7 @@ class Window:
         wait_for("the keyboard's focus", focused)
         subprocess.run(["xdotool", "key", key], env=desktop.environment, check=True)
 
-    @staticmethod
-    def wait_until_closed(role="alert"):
-        wait_for(f"the window's end ({role})", lambda: Window.find(role) is None)
+    def wait_until_closed(self, role="alert"):
+        """Another one may be open then."""
+        is_shown = lambda: (window := Window.find(role)) is not None and window.accessible == self.accessible
+        wait_for(f"the window's end ({role})", lambda: not is_shown())
