@@ -4,10 +4,31 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <pwd.h>
 #include <unistd.h>
 
 namespace platform::posix {
+namespace {
+
+struct Process {
+  std::string name{};
+  bool hasEnded = false;
+};
+
+// From "300 (name) S 1 ...", where the name may hold anything and what follows has no brackets (proc(5)).
+// A process that has ended keeps its name until its parent has asked how.
+Process readProcess(const std::filesystem::path& stat) {
+  std::ifstream file(stat, std::ios::binary);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  const auto begin = text.find('(');
+  const auto end = text.rfind(") ");
+  if (begin == text.npos || end == text.npos || end <= begin || end + 2 >= text.size()) return {};
+  const char state = text[end + 2];
+  return {text.substr(begin + 1, end - begin - 1), state == 'Z' || state == 'X'};
+}
+
+}  // namespace
 
 std::string fullNameFromComment(std::string_view comment, std::string_view loginName) {
   std::string name;
@@ -39,12 +60,10 @@ std::vector<std::optional<std::string>> PosixUserSession::runningBundleNames() {
   std::error_code unreadable;
   for (std::filesystem::directory_iterator item(processes_, unreadable), end; !unreadable && item != end;
        item.increment(unreadable)) {
-    const auto name = item->path().filename().string();
-    if (!std::ranges::all_of(name, [](unsigned char c) { return std::isdigit(c) != 0; })) continue;
-    std::string command;
-    if (std::getline(std::ifstream(item->path() / "comm"), command, '\0') && command.ends_with('\n'))
-      command.pop_back();
-    names.push_back(command.empty() ? std::nullopt : std::optional(command));
+    const auto number = item->path().filename().string();
+    if (!std::ranges::all_of(number, [](unsigned char c) { return std::isdigit(c) != 0; })) continue;
+    const auto process = readProcess(item->path() / "stat");
+    if (!process.hasEnded) names.push_back(process.name.empty() ? std::nullopt : std::optional(process.name));
   }
   return names;
 }

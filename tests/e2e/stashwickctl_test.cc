@@ -26,7 +26,9 @@ class Ctl : public AgentWorld {
   }
   Outcome backUpStick(Arguments options = {}) {
     options.insert(options.begin(), {"backup", makeStick("STICK")});
-    return ctl(options);
+    auto run = ctl(options);
+    EXPECT_EQ(run.status, 0) << run.errors;
+    return run;
   }
   std::string passwordFile(const std::string& password) {
     temporary.write("password-of-" + password, password + "\n");
@@ -37,7 +39,6 @@ class Ctl : public AgentWorld {
 
 TEST_F(Ctl, backsUpAFolderAndListsIt) {
   const auto run = backUpStick();
-  EXPECT_EQ(run.status, 0) << run.errors;
   ASSERT_THAT(imagesOf("STICK"), SizeIs(1));
   EXPECT_THAT(run.output, AllOf(HasSubstr("STICK: backed up to STICK/1, "), HasSubstr(imagesOf("STICK")[0])));
   expectHoldsFolder(imagesOf("STICK")[0], temporary / "STICK");
@@ -90,7 +91,7 @@ TEST_F(Ctl, findsDamage) {
 }
 
 TEST_F(Ctl, opensAnEncryptedBackupWithItsPasswordOnly) {
-  EXPECT_EQ(backUpStick({"--encrypt", passwordFile("right")}).status, 0);
+  backUpStick({"--encrypt", passwordFile("right")});
   EXPECT_THAT(ctl({"list"}).output, HasSubstr("encrypted"));
   EXPECT_EQ(ctl({"verify", "STICK/1", passwordFile("right")}).status, 0);
   const auto wrong = ctl({"verify", "STICK/1", passwordFile("wrong")});
@@ -172,7 +173,6 @@ TEST_F(Ctl, restoresOntoNoFolderThatHoldsTheStore) {
 
 TEST_F(Ctl, erasesAVolumeThatIsInItsBackup) {
   const auto run = backUpStick({"--erase-after", "--yes"});
-  EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_THAT(run.output, EndsWith("\"STICK\" was erased.\n"));
   EXPECT_FALSE(fs::exists(temporary / "STICK/notes.txt"));
   EXPECT_EQ(ctl({"verify", "STICK/1"}).status, 0);

@@ -239,7 +239,7 @@ TEST_F(TerminalDesktopTest, showsNoControlCharactersFromOutside) {
 
 TEST_F(TerminalDesktopTest, startsAProgramFromTheSearchPath) {
   const TemporaryFolder programs;
-  const auto program = programs.write("Stashwick", "#!/bin/sh\nmkdir \"$0.ran\"\n");
+  const auto program = programs.write("started-program", "#!/bin/sh\nmkdir \"$0.ran\"\n");
   std::filesystem::permissions(program, std::filesystem::perms::owner_all);
   const std::string path = std::string(std::getenv("PATH"));
   ::setenv("PATH", (programs.path() + ":" + path).c_str(), 1);
@@ -250,7 +250,7 @@ TEST_F(TerminalDesktopTest, startsAProgramFromTheSearchPath) {
     std::array<char, 4096> buffer;
     ran = ::read(changes.get(), buffer.data(), buffer.size()) > 0;
   });
-  desktop({.automaticAnswer = 1}).launchApplication("Stashwick");
+  desktop({.automaticAnswer = 1}).launchApplication("started-program");
   loop.postAfter(30, [this] { loop.stop(); });
   EXPECT_TRUE(loop.runUntil([&] { return ran; }));
   EXPECT_THAT(log.lines(), IsEmpty());

@@ -31,14 +31,25 @@ TEST(FullName, isTheLogInNameWhereThereIsNoOther) {
 
 TEST(RunningBundleNames, areTheNamesOfAllProcesses) {
   const TemporaryFolder processes;
-  processes.write("1/comm", "init\n");
-  processes.write("20/comm", "Stashwick\n");
-  processes.write("300/comm", "a\nb \n");
+  processes.write("1/stat", "1 (init) S 0 1 1 0 -1\n");
+  processes.write("20/stat", "20 (Stashwick) R 1 20 20 0 -1\n");
+  processes.write("300/stat", "300 (a) Z\nb ) S 1 300 300 0 -1\n");
   processes.write("4/status", "");
-  processes.write("self/comm", "me\n");
+  processes.write("5/stat", "5 (");
+  processes.write("6/stat", "6 ) (");
+  processes.write("7/stat", "7 () ");
+  processes.write("self/stat", "300 (me) R 1 300 300 0 -1\n");
   processes.write("version", "");
+  const std::optional<std::string> nameless;
   EXPECT_THAT(PosixUserSession(processes.path()).runningBundleNames(),
-              UnorderedElementsAre(std::optional<std::string>("init"), "Stashwick", "a\nb ", std::nullopt));
+              UnorderedElementsAre("init", "Stashwick", "a) Z\nb ", nameless, nameless, nameless, nameless));
+}
+
+TEST(RunningBundleNames, areNotThoseOfProcessesThatHaveEnded) {
+  const TemporaryFolder processes;
+  processes.write("20/stat", "20 (Stashwick) Z 1 20 20 0 -1\n");
+  processes.write("21/stat", "21 (Stashwick) X 1 20 20 0 -1\n");
+  EXPECT_THAT(PosixUserSession(processes.path()).runningBundleNames(), testing::IsEmpty());
 }
 
 }  // namespace
