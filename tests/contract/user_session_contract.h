@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <unistd.h>
 
 #include "ports/user.h"
 
@@ -17,25 +18,25 @@ namespace contract {
 template <class Fixture>
 class UserSessionContract : public testing::Test {
  protected:
-  static constexpr const char* kName = "ContractProbe";
-
   Fixture fixture;
+  // Of no process that another run of these tests has launched.
+  const std::string name = "Probe" + std::to_string(::getpid());
 };
 TYPED_TEST_SUITE_P(UserSessionContract);
 
 TYPED_TEST_P(UserSessionContract, hasAUserWithAName) { EXPECT_NE(this->fixture.user().fullUserName(), ""); }
 
 TYPED_TEST_P(UserSessionContract, listsWhatRuns) {
-  const std::optional<std::string> name = this->kName;
-  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Not(testing::Contains(name)));
-  this->fixture.launch(this->kName);
-  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Contains(name));
-  this->fixture.quit(this->kName);
-  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Not(testing::Contains(name)));
+  const std::optional<std::string> launched = this->name;
+  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Not(testing::Contains(launched)));
+  this->fixture.launch(this->name.c_str());
+  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Contains(launched));
+  this->fixture.quit(this->name.c_str());
+  EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::Not(testing::Contains(launched)));
 }
 
 TYPED_TEST_P(UserSessionContract, listsNothingWhenProcessesCannotBeListed) {
-  this->fixture.launch(this->kName);
+  this->fixture.launch(this->name.c_str());
   this->fixture.hideProcesses();
   EXPECT_THAT(this->fixture.user().runningBundleNames(), testing::IsEmpty());
 }
