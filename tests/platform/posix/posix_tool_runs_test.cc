@@ -57,6 +57,12 @@ TEST_F(PosixToolRunsTest, returnsNothingOfARunThatCapturesNothing) {
   EXPECT_TRUE(std::filesystem::exists(folder_ / "ran"));
 }
 
+TEST_F(PosixToolRunsTest, dropsAnOutputThatNobodyCapturesOnceItIsToldTo) {
+  tools_.dropOutput();
+  EXPECT_EQ(runScript("readlink /proc/$$/fd/1 >&2", Capture::standardError), "/dev/null\n");
+  EXPECT_EQ(runScript("echo a"), "a\n");
+}
+
 TEST_F(PosixToolRunsTest, readsHowFarAToolHasCome) {
   tools_.followProgress();
   EXPECT_EQ(tools_.progress(), std::nullopt);
@@ -119,15 +125,14 @@ TEST_F(PosixToolRunsTest, doesNotWaitForAToolThatIgnoresItsInput) {
 }
 
 TEST_F(PosixToolRunsTest, doesNotWaitForWhatTheToolLeftInTheBackground) {
-  const auto begin = std::chrono::steady_clock::now();
   const auto output = runScript("sleep 600 & echo $!; echo done");
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
   EXPECT_THAT(output, HasSubstr("\ndone\n"));
-  ::kill(std::stoi(output), SIGKILL);
+  EXPECT_EQ(::kill(std::stoi(output), SIGKILL), 0) << "it has ended by now";
 }
 
 TEST_F(PosixToolRunsTest, readsWhatABackgroundProcessPrintsSoonAfterTheTool) {
-  EXPECT_EQ(runScript("mkfifo \"$0.fifo\"; (cat \"$0.fifo\"; echo after) & echo before >\"$0.fifo\""),
+  EXPECT_EQ(runScript("mkfifo \"$0.fifo\"; { read -r line; echo \"$line\"; echo after; } <\"$0.fifo\" &\n"
+                      "echo before >\"$0.fifo\""),
             "before\nafter\n");
 }
 
