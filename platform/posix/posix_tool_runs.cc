@@ -6,6 +6,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -42,7 +43,7 @@ constexpr const char* kToolsProgressVariable = "HDIUTIL_PROGRESS=3";
 // for its progress, if there is one.
 class SpawnRequest {
  public:
-  explicit SpawnRequest(const ToolStreams& streams, ports::ToolRun::Capture capture, int progress) {
+  SpawnRequest(const ToolStreams& streams, ports::ToolRun::Capture capture, bool dropsOutput, int progress) {
     ::posix_spawnattr_init(&attributes_);
     ::posix_spawn_file_actions_init(&actions_);
     sigset_t none;
@@ -53,7 +54,10 @@ class SpawnRequest {
     ::posix_spawnattr_setsigdefault(&attributes_, &all);
     ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     if (streams.toolInput() >= 0) connect(streams.toolInput(), STDIN_FILENO);
-    if (capture == ports::ToolRun::Capture::bothOutputs) connect(streams.toolOutput(), STDOUT_FILENO);
+    if (capture == ports::ToolRun::Capture::bothOutputs)
+      connect(streams.toolOutput(), STDOUT_FILENO);
+    else if (dropsOutput)
+      ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     if (capture != ports::ToolRun::Capture::none) connect(streams.toolOutput(), STDERR_FILENO);
     for (char** variable = ::environ; *variable != nullptr; ++variable) environment_.push_back(*variable);
     if (progress >= 0) {
@@ -162,7 +166,7 @@ void PosixToolRuns::terminateAll(std::chrono::milliseconds patience) {
 base::Result<pid_t> PosixToolRuns::launch(const ports::ToolRun& run, const ToolStreams& streams) {
   std::vector<std::string> arguments;
   for (const auto& argument : run.arguments) arguments.push_back(paths_.hostArgument(argument));
-  const SpawnRequest request(streams, run.capture, progress_.get());
+  const SpawnRequest request(streams, run.capture, dropsOutput_, progress_.get());
   if (progress_.get() >= 0 && ::ftruncate(progress_.get(), 0) != 0) log_.log(errnoText(errno));
   base::MutexLock lock(mutex_);
   if (terminated_) return base::Error{"the agent is quitting"};

@@ -34,6 +34,10 @@ class PosixToolRuns : public ports::ToolRuns {
   // From now on tools run with low priority for processor and disk, as behind somebody's back.
   void setBackground(bool background);
 
+  // From now on what tools put on a standard output that nobody captures is dropped: for a program whose own
+  // output is its answer. Before the first run.
+  void dropOutput() { dropsOutput_ = true; }
+
   // From now on tools may tell how far they are: each gets a file as its descriptor 3, and HDIUTIL_PROGRESS
   // in its environment. Before the first run; not where the system has no such files.
   void followProgress();
@@ -53,6 +57,7 @@ class PosixToolRuns : public ports::ToolRuns {
 
   const PathMap& paths_;
   ports::SystemLog& log_;
+  bool dropsOutput_ = false;
   FileDescriptor progress_;
   base::Mutex mutex_;
   std::condition_variable_any ended_;
