@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <any>
-#include <utility>
 
 #include "app/agent_app_delegate.h"
 

@@ -1,7 +1,6 @@
 // The status item, its menu, and the actions of its items.
 
 #include <algorithm>
-#include <utility>
 
 #include "app/agent_app_delegate.h"
 #include "base/format.h"

@@ -4,10 +4,10 @@
 #include <charconv>
 #include <cmath>
 #include <string_view>
-#include <utility>
 
 #include "app/agent_app_delegate.h"
 #include "base/format.h"
+#include "store/backup_catalogue.h"
 #include "store/file_size.h"
 
 namespace {
@@ -26,7 +26,7 @@ std::int64_t integerValue(const base::PropertyList& value) {
   if (const auto* integer = value.as<std::int64_t>()) return *integer;
   if (const auto* boolean = value.as<bool>()) return *boolean ? 1 : 0;
   if (const auto* real = value.as<double>())
-    return std::abs(*real) < 0x1p62 ? static_cast<std::int64_t>(*real) : 0;
+    return std::abs(*real) < 0x1p63 ? static_cast<std::int64_t>(*real) : 0;
   std::int64_t parsed = 0;
   if (const auto* text = value.as<std::string>()) {
     std::string_view number = *text;
@@ -118,7 +118,7 @@ void ZQAgentAppDelegate::_addDeviceToAutomaticBackups(const ZQRemovableDevice& d
 }
 
 std::string ZQAgentAppDelegate::_manifestLocation() const {
-  return host_.files.applicationSupportDirectory() + "/Stashwick 3/StashwickHelper.plist";
+  return BackupCatalogue(host_).backupDirectory() + "/StashwickHelper.plist";
 }
 
 bool ZQAgentAppDelegate::_createsAutomaticBackups() const {

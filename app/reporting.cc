@@ -1,7 +1,5 @@
 // What the engine tells: volumes held and let go, the menu kept current, failures shown.
 
-#include <utility>
-
 #include "app/agent_app_delegate.h"
 #include "base/format.h"
 

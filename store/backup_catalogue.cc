@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <utility>
 
 #include "base/format.h"
 #include "store/operation.h"

@@ -3,7 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "base/date.h"
 #include "base/file_url.h"

@@ -1,7 +1,5 @@
 #include "store/operation.h"
 
-#include <utility>
-
 ZQStashwickOperation::ZQStashwickOperation() : password_(std::make_shared<const base::Secret>("")) {}
 
 std::shared_ptr<ZQStashwickOperation> ZQStashwickOperation::initWithCoder(const base::KeyedDecoder& coder) {

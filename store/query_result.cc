@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <optional>
+#include <span>
 #include <utility>
 
 #include "base/mutex.h"
