@@ -58,6 +58,11 @@ TEST_F(AgentLaunch, createsTheCentreTheEngineAndTheStatusItem) {
   EXPECT_NE(agent->stashwick()->operationQueue(), nullptr);
 }
 
+TEST_F(AgentLaunch, menuRebuildBeforeTheStatusItemIsThereDoesNothing) {
+  agent->_reloadStatusMenu();
+  EXPECT_EQ(world.desktop.statusItem(), std::nullopt);
+}
+
 TEST_F(AgentLaunch, doesNotAsk) {
   launch();
   EXPECT_THAT(world.desktop.alerts(), IsEmpty());

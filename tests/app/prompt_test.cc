@@ -85,6 +85,24 @@ TEST_F(Question, percentSignInANameStaysAPercentSign) {
   EXPECT_EQ(world.desktop.alerts().at(0).alert.messageText, "Backup \"100%@\"?");
 }
 
+TEST_F(Question, holdsArrivalsAndDeparturesUpUntilItIsAnswered) {
+  launch();
+  const auto first = attachAndAnswer("A", "Later");
+  std::optional<Lines> meanwhile;
+  world.desktop.whileAlertIsOpen([&] {
+    if (meanwhile) return;
+    world.disks.pull(first);
+    world.disks.plugUSB("C");
+    world.runMainQueue();
+    meanwhile = deviceNames();
+  });
+  for (int i = 0; i < 2; ++i) world.desktop.answerNextAlert("Later");
+  attach("B");
+  EXPECT_EQ(meanwhile, (Lines{"A", "B"}));
+  EXPECT_THAT(deviceNames(), ElementsAre("B", "C"));
+  EXPECT_EQ(world.desktop.alerts().size(), 3);
+}
+
 // What a flag in the list leads to: on mount, and from the menu.
 struct Decision {
   const char* name;

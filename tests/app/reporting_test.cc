@@ -10,6 +10,7 @@ using ::testing::StartsWith;
 
 using BackupBegin = AgentTest;
 using BackupFinish = AgentTest;
+using RestoreBegin = AgentTest;
 using FailureReport = AgentTest;
 using SilentFailure = AgentTest;
 
@@ -57,6 +58,45 @@ TEST_F(BackupBegin, claimsEveryDeviceOfTheCentreThatCarriesTheNameAndNoOther) {
   gate.open();
   finish();
   for (const auto& disk : {inside, sata, stick}) EXPECT_EQ(world.disks.claims(disk), 0);
+}
+
+TEST_F(BackupBegin, tellsAComposedNameFromADecomposedOne) {
+  launch();
+  const auto decomposed = attachAndAnswer("Cafe\u0301", "Later");
+  Gate gate(world);
+  const auto composed = attachAndBackUpTo(gate, "Caf\u00e9");
+  EXPECT_EQ(world.disks.claims(composed), 1);
+  EXPECT_EQ(world.disks.claims(decomposed), 0);
+  gate.open();
+  finish();
+}
+
+TEST_F(BackupBegin, doesNotLookAtTheType) {
+  launch();
+  const auto stick = attachAndAnswer("STICK", "Backup");
+  const auto menu = world.desktop.statusItem()->menu;
+  agent->StashwickDidBegin(*agent->stashwick(), nullptr);
+  EXPECT_EQ(world.disks.claims(stick), 1);
+  EXPECT_NE(world.desktop.statusItem()->menu, menu);
+  EXPECT_EQ(world.log.lines(), Lines{kFinished});
+}
+
+TEST_F(RestoreBegin, claimsTheVolumeUntilTheEnd) {
+  launch();
+  const auto stick = attachAndAnswer("STICK", "Later");
+  Gate gate(world);
+  world.tools.whenToolRuns(kImageTool, [&](const auto&) {
+    gate.pass();
+    return std::string("mount failed");
+  });
+  agent->stashwick()->restoreWithBackupInstance(
+      ZQStashwickInstance::_initWithName("STICK", "/store/x.dmg", {}, 8, false, nullptr), nullptr);
+  world.runUntil([&] { return gate.held(); });
+  EXPECT_EQ(world.disks.claims(stick), 1);
+  EXPECT_EQ(firstLine(), "Backing up \"STICK\" ...");
+  gate.open();
+  finish();
+  EXPECT_EQ(world.disks.claims(stick), 0);
 }
 
 TEST_F(BackupFinish, logsUnclaimsClearsTheRecordAndRebuildsTheMenu) {
