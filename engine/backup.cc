@@ -15,15 +15,13 @@ constexpr const char* kKeychainService = "Stashwick 3";
 }  // namespace
 
 void ZQStashwick::_backupDataWithResult(const std::shared_ptr<ZQStashwickQueryResult>& record) {
-  // A manifest holds the whole list. An unplugged volume ends its scan, and so this wait.
-  record->waitUntilReady();
   auto operation = std::make_shared<ZQStashwickOperation>();
   operation->setPassword(_encryptionPassword());
   operation->setFormat("HFS+");
   operation->setEncryption(_backupEncryptionType());
   operation->setResult(record);
   setCurrentVolume(std::string(record->path().lastPathComponent()));
-  operationQueue_->addOperation([this, operation] { _createDiscImageWithOperation(operation); });
+  addOperation([this, operation] { _createDiscImageWithOperation(operation); });
 }
 
 void ZQStashwick::_createDiscImageWithOperation(const std::shared_ptr<ZQStashwickOperation>& operation) {
@@ -32,6 +30,8 @@ void ZQStashwick::_createDiscImageWithOperation(const std::shared_ptr<ZQStashwic
   const std::string volume(operation->result()->path().lastPathComponent());
   const auto passwordPipe = host_.tools.makePipe();
   const std::string backupName = _localizedBackupName();
+  // A manifest holds the whole list. An unplugged volume ends its scan, and so this wait.
+  operation->result()->waitUntilReady();
   host_.archives.archiveRootObject(
       *operation, base::stringWithFormat("%@/%@.manifest", {backupDirectoryForVolume(volume), backupName}));
   passwordPipe->write(engine::passwordText(operation->password().get()));
@@ -40,11 +40,7 @@ void ZQStashwick::_createDiscImageWithOperation(const std::shared_ptr<ZQStashwic
   ports::ToolRun create{.launchPath = "/usr/bin/hdiutil",
                         .arguments = imageToolArguments(*operation, volume, backupName),
                         .capture = ports::ToolRun::Capture::bothOutputs};
-  if (debugMode_) {
-    host_.log.log(
-        base::stringWithFormat("[DEBUG] %@ - NSTask Arguments: %@",
-                               {"_createDiscImageWithOperation:", base::arrayDescription(create.arguments)}));
-  }
+  debug(create, "_createDiscImageWithOperation:");
   if (std::ranges::find(create.arguments, "-stdinpass") != create.arguments.end()) {
     create.standardInput = passwordPipe.get();
   }
@@ -76,7 +72,6 @@ std::vector<std::string> ZQStashwick::imageToolArguments(const ZQStashwickOperat
     arguments.insert(arguments.end(), {"-encryption", *encryption, "-stdinpass"});
   }
   arguments.emplace_back("-plist");
-  if (debugMode_) arguments.emplace_back("-verbose");
   return arguments;
 }
 

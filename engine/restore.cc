@@ -22,9 +22,10 @@ void ZQStashwick::restoreWithBackupInstance(std::shared_ptr<const ZQStashwickIns
                                             Password overridePassword) {
   auto operation = std::make_shared<ZQStashwickOperation>();
   operation->setPassword(overridePassword ? std::move(overridePassword) : _encryptionPassword());
+  observeOperations();
   setCurrentVolume(instance->device());
   currentOperationType_ = &ZQStashwickTypeOperationRestore;
-  observeAndAdd([this, operation, instance = std::move(instance)] {
+  addOperation([this, operation, instance = std::move(instance)] {
     _restoreDiscImageWithOperation(operation, instance);
   });
 }
@@ -36,10 +37,10 @@ void ZQStashwick::_restoreDiscImageWithOperation(
   currentOperationType_ = &ZQStashwickTypeOperationRestore;
   tellBegin(std::nullopt);
   const auto& instance = andBackupInstance;
-  operationQueue_->addOperation([this, operation, instance] { mountImage(*operation, *instance); });
-  operationQueue_->addOperation([this, instance] { _eraseInstance(instance.get()); });
-  operationQueue_->addOperation([this, instance] { copyImage(*instance); });
-  operationQueue_->addOperation([this, instance] { unmountImage(*instance); });
+  addOperation([this, operation, instance] { mountImage(*operation, *instance); });
+  addOperation([this, instance] { _eraseInstance(instance.get()); });
+  addOperation([this, instance] { copyImage(*instance); });
+  addOperation([this, instance] { unmountImage(*instance); });
 }
 
 // Kept on purpose: no "-stdinpass", no "-verbose", no log line; the password is on standard input all the
@@ -73,11 +74,6 @@ void ZQStashwick::copyImage(const ZQStashwickInstance& instance) {
 void ZQStashwick::unmountImage(const ZQStashwickInstance& instance) {
   ports::ToolRun unmount{.launchPath = "/usr/bin/hdiutil",
                          .arguments = {"unmount", mountedImagePath(instance.device())}};
-  if (debugMode_) {
-    unmount.arguments.emplace_back("-verbose");
-    host_.log.log(base::stringWithFormat(
-        "[DEBUG] %@ - NSTask Arguments: %@",
-        {"_restoreDiscImageWithOperation:andBackupInstance:", base::arrayDescription(unmount.arguments)}));
-  }
+  debug(unmount, "_restoreDiscImageWithOperation:andBackupInstance:");
   host_.tools.run(unmount);
 }

@@ -48,7 +48,9 @@ void ZQStashwick::setBackupQuery(const std::shared_ptr<ZQStashwickQueryResult>& 
     const base::MutexLock lock(mutex_);
     backupQuery_ = record;
   }
-  if (record) observeAndAdd([this, record] { _backupDataWithResult(record); });
+  if (!record) return;
+  observeOperations();
+  addOperation([this, record] { _backupDataWithResult(record); });
 }
 
 std::shared_ptr<ZQStashwickQueryResult> ZQStashwick::backupQuery() const {
@@ -56,11 +58,14 @@ std::shared_ptr<ZQStashwickQueryResult> ZQStashwick::backupQuery() const {
   return backupQuery_;
 }
 
-void ZQStashwick::observeAndAdd(base::OperationQueue::Operation step) {
+void ZQStashwick::observeOperations() {
   if (!operationQueue_) return;
   operationQueue_->addObserver(this,
                                [this] { observeValueForKeyPath(kOperationsKeyPath, operationQueue_.get()); });
-  operationQueue_->addOperation(std::move(step));
+}
+
+void ZQStashwick::addOperation(base::OperationQueue::Operation step) {
+  if (operationQueue_) operationQueue_->addOperation(std::move(step));
 }
 
 void ZQStashwick::cancel() {
@@ -113,6 +118,13 @@ void ZQStashwick::tellBegin(std::optional<ZQStashwickOperationType> type) {
     const auto listener = engine.delegate();
     if (listener) listener->StashwickDidBegin(engine, type.value_or(engine.currentOperationType_.load()));
   });
+}
+
+void ZQStashwick::debug(ports::ToolRun& run, std::string_view step) const {
+  if (!debugMode_) return;
+  run.arguments.emplace_back("-verbose");
+  host_.log.log(base::stringWithFormat("[DEBUG] %@ - NSTask Arguments: %@",
+                                       {step, base::arrayDescription(run.arguments)}));
 }
 
 std::shared_ptr<ZQStashwickDelegate> ZQStashwick::delegate() const {

@@ -114,7 +114,9 @@ class ZQStashwick {
  private:
   ZQStashwick(const ports::Host& host, std::unique_ptr<base::OperationQueue> queue);
 
-  void observeAndAdd(base::OperationQueue::Operation step);
+  // Nothing happens in an engine that has no queue.
+  void observeOperations();
+  void addOperation(base::OperationQueue::Operation step);
 
   // Steps of a backup, in order; each runs on the queue's worker.
   void _backupDataWithResult(const std::shared_ptr<ZQStashwickQueryResult>& record);
@@ -130,6 +132,8 @@ class ZQStashwick {
   void unmountImage(const ZQStashwickInstance& instance);
 
   void tellBegin(std::optional<ZQStashwickOperationType> type);
+  // In debug mode: "-verbose" for the tool, and its arguments in the log under the name of the step.
+  void debug(ports::ToolRun& run, std::string_view step) const;
   std::string _localizedBackupName() const;
   Password _encryptionPassword() const;
   Text _backupEncryptionType() const;

@@ -147,6 +147,19 @@ TEST_F(EngineCalls, beginIsPostedBeforeTheToolRuns) {
   EXPECT_THAT(listener->names(), ElementsAre("finish", "begin"));
 }
 
+TEST_F(EngineCalls, beginComesAndTheVolumeIsNamedWhileTheScanStillRuns) {
+  world.files.holdEnumerationAt("/Volumes/STICK/b");
+  startBackup();
+  world.runUntil([&] { return !listener->calls().empty(); });
+  EXPECT_THAT(listener->names(), ElementsAre("begin"));
+  EXPECT_EQ(engine->currentVolume(), "STICK");
+  EXPECT_EQ(engine->currentOperationType(), &ZQStashwickTypeOperationBackup);
+  EXPECT_THAT(world.tools.runs(), IsEmpty());
+  world.files.releaseEnumeration();
+  settle();
+  EXPECT_THAT(listener->names(), ElementsAre("begin", "finish"));
+}
+
 TEST_F(EngineCalls, finishComesWhenTheQueueIsEmpty) {
   backUp();
   for (const auto& call : listener->calls()) EXPECT_FALSE(call.hadOperations) << call.what;
@@ -234,6 +247,13 @@ TEST_F(EngineJudgement, failedOutsideTheFirstStringElementIsNoFailure) {
   world.tools.answerTool(kImageTool, "warning: probe failed\n<string>/path/x.dmg</string>");
   backUp();
   EXPECT_THAT(listener->names(), ::testing::UnorderedElementsAre("begin", "finish"));
+}
+
+TEST_F(EngineJudgement, wordsCountInNamesToo) {
+  world.tools.answerTool("/usr/bin/rsync", "sending incremental file list\nAuthors.txt\nwhat failed.txt\n");
+  restore();
+  EXPECT_THAT(listener->names(), ::testing::UnorderedElementsAre("begin", "fail"));
+  EXPECT_TRUE(engine->hasAuthenticationFailure());
 }
 
 TEST_F(EngineJudgement, restIsCancelledOnlyAfterTheFailCallReturns) {
