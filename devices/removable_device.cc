@@ -5,6 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/format.h"
+
 namespace {
 
 using ports::DiskDescription;
