@@ -1,10 +1,10 @@
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <sched.h>
 #include <sys/mount.h>
 
 #include "tests/e2e/agent_world.h"
+#include "tests/support/own_mounts.h"
 
 namespace {
 
@@ -226,8 +226,7 @@ TEST_F(Agent, saysWhyTheStoreCannotBeMade) {
 }
 
 TEST_F(Agent, leavesNothingHalfMadeOnAFullDisk) {
-  ASSERT_EQ(::unshare(::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER), 0);
-  ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_NO_FATAL_FAILURE(takeOwnMounts());
   fs::create_directories(dataHome);
   ASSERT_EQ(::mount("tmpfs", dataHome.c_str(), "tmpfs", 0, "size=1m"), 0);
   temporary.write("home/data/Stashwick 3/STICK/earlier.dmg", "precious");

@@ -1,11 +1,11 @@
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <sys/mount.h>
 
 #include "image/fuse/mount_table.h"
 #include "image/fuse/unmount.h"
 #include "tests/e2e/agent_world.h"
+#include "tests/support/own_mounts.h"
 
 namespace {
 
@@ -17,25 +17,28 @@ using testing::Not;
 // The disk image tool as people and scripts run it.
 class MountTool : public AgentWorld {
  protected:
-  MountTool() { makeStick("STICK"); }
+  MountTool() {
+    takeOwnMountsAsRoot();
+    makeStick("STICK");
+  }
   ~MountTool() override {
     for (const auto& mount : fuse::mountTable()) {
       if (!mount.mountPoint.starts_with(temporary.path())) continue;
       if (mount.server) ::kill(mount.server->process, SIGKILL);
-      ::umount2(mount.mountPoint.c_str(), MNT_DETACH);
+      EXPECT_TRUE(fuse::detach(mount.mountPoint, fuse::Detach::atOnce));
     }
   }
 
+  // A line that has to succeed.
+  void run(const std::string& line) {
+    const auto outcome = shell(line);
+    ASSERT_EQ(outcome.status, 0) << outcome.output << outcome.errors;
+  }
   void createEncrypted() {
-    const auto made =
-        shell("printf 'pass word\\0' | " + hdiutil +
-              " create -volname STICK-Backup -encryption AES-128 -stdinpass -srcfolder STICK STICK.dmg");
-    ASSERT_EQ(made.status, 0) << made.errors;
+    run("printf 'pass word\\0' | " + hdiutil +
+        " create -volname STICK-Backup -encryption AES-128 -stdinpass -srcfolder STICK STICK.dmg");
   }
-  void create() {
-    const auto made = shell(hdiutil + " create -volname STICK-Backup -srcfolder STICK STICK.dmg");
-    ASSERT_EQ(made.status, 0) << made.errors;
-  }
+  void create() { run(hdiutil + " create -volname STICK-Backup -srcfolder STICK STICK.dmg"); }
 
   const std::string hdiutil =
       fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick/hdiutil";
@@ -56,17 +59,17 @@ TEST_F(MountTool, asksForThePasswordAtATerminalWithoutShowingIt) {
 
 TEST_F(MountTool, doesNotWaitForAPasswordThatNobodyTypes) {
   createEncrypted();
-  const auto run = shell(hdiutil + " attach STICK.dmg");
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.errors, "hdiutil: attach failed - Authentication error\n");
+  const auto refused = shell(hdiutil + " attach STICK.dmg");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.errors, "hdiutil: attach failed - Authentication error\n");
 }
 
 // The outcome is complete only once nobody has the streams open any more.
 TEST_F(MountTool, leavesAServerThatHoldsNothingOfItsCallers) {
   create();
-  const auto run = shell("exec 7> lock; flock 7; " + hdiutil + " mount STICK.dmg");
-  EXPECT_EQ(run.output, mountPoint + "\n");
-  EXPECT_EQ(run.errors, "");
+  const auto mounted = shell("exec 7> lock; flock 7; " + hdiutil + " mount STICK.dmg");
+  EXPECT_EQ(mounted.output, mountPoint + "\n");
+  EXPECT_EQ(mounted.errors, "");
   ASSERT_TRUE(fuse::mountAt(mountPoint));
   EXPECT_EQ(shell("flock --nonblock lock true").status, 0);
   EXPECT_EQ(shell(hdiutil + " unmount '" + mountPoint + "/'").output, "unmounted: " + mountPoint + "\n");
@@ -75,13 +78,13 @@ TEST_F(MountTool, leavesAServerThatHoldsNothingOfItsCallers) {
 
 TEST_F(MountTool, keepsTheFoldersThatItMakesToTheirUser) {
   create();
-  ASSERT_EQ(shell("umask 022; " + hdiutil + " mount STICK.dmg").status, 0);
+  ASSERT_NO_FATAL_FAILURE(run("umask 022; " + hdiutil + " mount STICK.dmg"));
   EXPECT_EQ(shell("cd '" + dataHome + "' && stat -c %a stashwick stashwick/Volumes").output, "700\n700\n");
 }
 
 TEST_F(MountTool, leavesAServerThatForgetsThePassword) {
   createEncrypted();
-  ASSERT_EQ(shell("printf 'pass word\\0' | " + hdiutil + " mount STICK.dmg").status, 0);
+  ASSERT_NO_FATAL_FAILURE(run("printf 'pass word\\0' | " + hdiutil + " mount STICK.dmg"));
   const auto searched = shell(
       "python3 -c 'import sys\n"
       "process = sys.argv[1]\n"
@@ -102,11 +105,11 @@ TEST_F(MountTool, leavesAServerThatForgetsThePassword) {
 
 TEST_F(MountTool, mountsTwoImagesOfOneNameSideBySide) {
   create();
-  ASSERT_EQ(shell("cp STICK.dmg other.dmg; " + hdiutil + " attach STICK.dmg").status, 0);
+  ASSERT_NO_FATAL_FAILURE(run("cp STICK.dmg other.dmg; " + hdiutil + " attach STICK.dmg"));
   EXPECT_EQ(shell(hdiutil + " mount other.dmg").status, 1);
   EXPECT_EQ(shell(hdiutil + " attach other.dmg").output, mountPoint + " 1\tof the volume \"STICK-Backup\"\n");
   EXPECT_EQ(shell("diff -r --no-dereference '" + mountPoint + "' '" + mountPoint + " 1'").status, 0);
-  EXPECT_EQ(shell(hdiutil + " detach other.dmg").status, 0);
+  run(hdiutil + " detach other.dmg");
   EXPECT_TRUE(fuse::mountAt(mountPoint));
 }
 

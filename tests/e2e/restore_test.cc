@@ -6,6 +6,7 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
+#include <iostream>
 #include <mutex>
 #include <sys/mount.h>
 
@@ -17,6 +18,7 @@
 #include "platform/posix/posix_tool_runs.h"
 #include "tests/e2e/agent_world.h"
 #include "tests/platform/posix/recording_log.h"
+#include "tests/support/own_mounts.h"
 
 namespace {
 
@@ -78,6 +80,7 @@ class Listener : public ZQStashwickDelegate {
 class Restore : public AgentWorld {
  protected:
   Restore() {
+    takeOwnMountsAsRoot();
     ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
     fs::create_directories(stick);
     paths.setVolume("STICK", stick);
@@ -86,9 +89,13 @@ class Restore : public AgentWorld {
     for (const auto& mount : fuse::mountTable()) {
       if (!mount.mountPoint.starts_with(temporary.path())) continue;
       if (mount.server) ::kill(mount.server->process, SIGKILL);
-      ::umount2(mount.mountPoint.c_str(), MNT_DETACH);
+      EXPECT_TRUE(fuse::detach(mount.mountPoint, fuse::Detach::atOnce));
     }
     ::unsetenv("XDG_DATA_HOME");
+  }
+  void TearDown() override {
+    for (const auto& text : tools.texts)
+      if (HasFailure()) std::cout << "a tool said: " << text << "\n";
   }
 
   std::string makeImage(const std::string& name, const std::string& folder, const std::string& options = "",
@@ -190,6 +197,7 @@ TEST_F(Restore, fillsAVolumeThatIsEmpty) {
 TEST_F(Restore, keepsAMountPointAndErasesWhatIsInIt) {
   const auto before = copyOf(stickWithFiles());
   const auto image = makeImage("STICK.dmg", stick);
+  ASSERT_NO_FATAL_FAILURE(takeOwnMounts());
   ASSERT_EQ(::mount("none", stick.c_str(), "tmpfs", 0, nullptr), 0);
   temporary.write("STICK/other", "made since");
   EXPECT_EQ(restore(image), "finish");
@@ -288,6 +296,7 @@ TEST_F(Restore, stopsBeforeErasingWhenAVolumeHasTheName) {
 TEST_F(Restore, tellsThatTheVolumeIsTooSmall) {
   temporary.write("STICK/large", std::string(1 << 20, 'x'));
   const auto image = makeImage("STICK.dmg", stick);
+  ASSERT_NO_FATAL_FAILURE(takeOwnMounts());
   ASSERT_EQ(::mount("none", stick.c_str(), "tmpfs", 0, "size=65536"), 0);
   EXPECT_EQ(restore(image), "fail");
   EXPECT_THAT(tools.texts.back(), AllOf(HasSubstr("failed"), HasSubstr("No space left on device")));

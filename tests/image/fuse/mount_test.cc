@@ -17,6 +17,7 @@
 #include "image/fuse/unmount.h"
 #include "image/os/file_descriptor.h"
 #include "tests/image/fuse/memory_volume.h"
+#include "tests/support/own_mounts.h"
 #include "tests/tools/scratch_folder.h"
 
 namespace {
@@ -29,11 +30,12 @@ constexpr std::uint32_t kRoot = MemoryVolume::kRoot;
 
 class MountedImage : public testing::Test {
  protected:
+  MountedImage() { takeOwnMountsAsRoot(); }
   ~MountedImage() override {
     for (const auto& mount : fuse::mountTable())
       if (mount.mountPoint.starts_with(scratch.path().string())) {
         if (mount.server) ::kill(mount.server->process, SIGKILL);
-        ::umount2(mount.mountPoint.c_str(), MNT_DETACH);
+        EXPECT_TRUE(fuse::detach(mount.mountPoint, fuse::Detach::atOnce));
       }
   }
 
@@ -44,6 +46,10 @@ class MountedImage : public testing::Test {
     });
   }
   base::Result<Mounted> mount() const { return mount({.image = image}); }
+  testing::AssertionResult mounts() const {
+    const auto mounted = mount();
+    return mounted ? testing::AssertionSuccess() : testing::AssertionFailure() << mounted.error().message;
+  }
   base::Result<std::string> unmount(const std::string& from, bool force = false) const {
     return fuse::unmount({.place = from, .force = force, .volumesFolder = volumes});
   }
@@ -77,7 +83,7 @@ TEST_F(MountedImage, isAFolderOfTheVolumesName) {
 }
 
 TEST_F(MountedImage, isGoneWithItsFolderAndServerOnceUnmounted) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto served = server();
   const auto unmounted = unmount(place + "/");
   ASSERT_TRUE(unmounted) << unmounted.error().message;
@@ -93,7 +99,7 @@ TEST_F(MountedImage, listsFoldersOfAnySize) {
     expected.push_back("a file with a rather long name, number " + std::to_string(i));
     volume.addFile(folder.id, expected.back(), std::to_string(i));
   }
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_THAT(namesIn(place + "/many"), testing::UnorderedElementsAreArray(expected));
   EXPECT_EQ(readFile(place + "/many/" + expected[2999]), "2999");
 }
@@ -101,7 +107,7 @@ TEST_F(MountedImage, listsFoldersOfAnySize) {
 TEST_F(MountedImage, findsNamesOfAnyBytesAndNoOthers) {
   volume.addFile(kRoot, "\xFF\xFE not UTF-8", "1");
   volume.addFile(kRoot, "back\\slash\nline", "2");
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_EQ(readFile(place + "/\xFF\xFE not UTF-8"), "1");
   EXPECT_EQ(readFile(place + "/back\\slash\nline"), "2");
   EXPECT_FALSE(fs::exists(place + "/other"));
@@ -114,7 +120,7 @@ TEST_F(MountedImage, keepsModeOwnerTimesAndSize) {
   item.group = 5678;
   item.modified = {-5, 123456789};
   item.accessed = {1600000000, 1};
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   struct stat status {};
   ASSERT_EQ(::lstat((place + "/file").c_str(), &status), 0);
   EXPECT_EQ(status.st_ino, item.id);
@@ -135,7 +141,7 @@ TEST_F(MountedImage, showsLinksAndDevicesAsWhatTheyAre) {
   auto& file = volume.addFile(kRoot, "one", "shared");
   file.links = 2;
   volume.addName(kRoot, "two", file.id);
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_EQ(fs::read_symlink(place + "/link"), "some/where else");
   EXPECT_TRUE(fs::is_fifo(place + "/pipe"));
   struct stat status {};
@@ -150,7 +156,7 @@ TEST_F(MountedImage, readsFromAnyPlaceOfAFile) {
   std::string data(3'000'001, '\0');
   for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 31 + (i >> 12));
   volume.addFile(kRoot, "large", data);
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_EQ(readFile(place + "/large"), data);
   const os::FileDescriptor file(::open((place + "/large").c_str(), O_RDONLY));
   std::string piece(100, '\0');
@@ -166,7 +172,7 @@ TEST_F(MountedImage, readsWholeFoldersOfSmallFilesInAnyOrder) {
     names.push_back(std::to_string(i * 7919 % 500));
     volume.addFile(folder.id, names.back(), dataOf(names.back()));
   }
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_THAT(namesIn(place + "/many"), testing::UnorderedElementsAreArray(names));
   for (int i = 0; i < 500; ++i) {
     const std::string name = std::to_string(i);
@@ -180,7 +186,7 @@ TEST_F(MountedImage, givesExtendedAttributes) {
   const auto id = volume.addFile(kRoot, "file", "").id;
   volume.addAttribute(id, "user.colour", "blue");
   volume.addAttribute(id, "trusted.secret", "for root");
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const std::string path = place + "/file";
   std::string names(100, '\0');
   names.resize(static_cast<std::size_t>(::listxattr(path.c_str(), names.data(), names.size())));
@@ -198,7 +204,7 @@ TEST_F(MountedImage, givesExtendedAttributes) {
 
 TEST_F(MountedImage, cannotBeWrittenTo) {
   volume.addFile(kRoot, "file", "text");
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_EQ(::open((place + "/file").c_str(), O_WRONLY), -1);
   EXPECT_EQ(errno, EROFS);
   EXPECT_EQ(::unlink((place + "/file").c_str()), -1);
@@ -208,7 +214,7 @@ TEST_F(MountedImage, cannotBeWrittenTo) {
 }
 
 TEST_F(MountedImage, tellsHowLargeItIs) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   struct statvfs facts {};
   ASSERT_EQ(::statvfs(place.c_str(), &facts), 0);
   EXPECT_EQ(facts.f_frsize * facts.f_blocks, 1U << 20);
@@ -220,7 +226,7 @@ TEST_F(MountedImage, givesAnErrorForWhatIsDamagedAndGoesOn) {
   const auto id = volume.addFile(kRoot, "bad", "text").id;
   volume.addFile(kRoot, "good", "text");
   volume.damage(id);
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const os::FileDescriptor file(::open((place + "/bad").c_str(), O_RDONLY));
   char byte = 0;
   EXPECT_EQ(::read(file.number(), &byte, 1), -1);
@@ -236,7 +242,7 @@ TEST_F(MountedImage, letsGoOfTheCallersStreamsSessionAndFolder) {
   const auto mounted = mount();
   ::dup2(before, STDERR_FILENO);
   ::close(before);
-  ASSERT_TRUE(mounted);
+  ASSERT_TRUE(mounted) << mounted.error().message;
   const std::string process = "/proc/" + std::to_string(server().process);
   for (const char* stream : {"0", "1", "2"})
     EXPECT_EQ(fs::read_symlink(process + "/fd/" + stream), "/dev/null");
@@ -247,7 +253,7 @@ TEST_F(MountedImage, letsGoOfTheCallersStreamsSessionAndFolder) {
 }
 
 TEST_F(MountedImage, staysTheOneMountWhenItIsMountedAgain) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto again = mount();
   ASSERT_TRUE(again) << again.error().message;
   EXPECT_TRUE(again->wasMounted);
@@ -257,20 +263,20 @@ TEST_F(MountedImage, staysTheOneMountWhenItIsMountedAgain) {
 }
 
 TEST_F(MountedImage, refusesThePlaceOfAnotherImage) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto other = mount({.image = scratch.write("other.dmg", "another")});
   ASSERT_FALSE(other);
   EXPECT_THAT(other.error().message, HasSubstr("taken by another image"));
 }
 
 TEST_F(MountedImage, refusesThePlaceOfItsOwnFormerContents) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   scratch.write("image.dmg", "changed since");
   EXPECT_FALSE(mount());
 }
 
 TEST_F(MountedImage, findsAFreeNameWhenAsked) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto other = mount(
       {.image = scratch.write("other.dmg", "another"), .takenName = MountRequest::TakenName::findFreeOne});
   ASSERT_TRUE(other) << other.error().message;
@@ -290,6 +296,7 @@ TEST_F(MountedImage, refusesAFolderWithSomethingInItAndAFile) {
 }
 
 TEST_F(MountedImage, refusesThePlaceOfAnotherMount) {
+  ASSERT_NO_FATAL_FAILURE(takeOwnMounts());
   fs::create_directories(place);
   ASSERT_EQ(::mount("none", place.c_str(), "tmpfs", 0, nullptr), 0);
   EXPECT_THAT(mount().error().message, HasSubstr("taken by another mount"));
@@ -297,6 +304,7 @@ TEST_F(MountedImage, refusesThePlaceOfAnotherMount) {
 }
 
 TEST_F(MountedImage, refusesTheNameOfAVolumeElsewhere) {
+  ASSERT_NO_FATAL_FAILURE(takeOwnMounts());
   const std::string elsewhere = scratch / "media/STICK-Backup";
   fs::create_directories(elsewhere);
   ASSERT_EQ(::mount("none", elsewhere.c_str(), "tmpfs", 0, nullptr), 0);
@@ -329,9 +337,9 @@ TEST_F(MountedImage, isRefusedForAVolumeThatCannotBeOpened) {
 }
 
 TEST_F(MountedImage, isUnmountedByItsLogicalPathAndByItsImage) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_TRUE(unmount("/Volumes/STICK-Backup/"));
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   EXPECT_TRUE(unmount(image));
   EXPECT_FALSE(fuse::mountAt(place));
 }
@@ -343,7 +351,7 @@ TEST_F(MountedImage, isNotUnmountedWhereNothingIsMounted) {
 
 TEST_F(MountedImage, isBusyWhileAFileIsOpenButYieldsToForce) {
   volume.addFile(kRoot, "file", "text");
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto served = server();
   const os::FileDescriptor file(::open((place + "/file").c_str(), O_RDONLY));
   const auto refused = unmount(place);
@@ -356,7 +364,7 @@ TEST_F(MountedImage, isBusyWhileAFileIsOpenButYieldsToForce) {
 }
 
 TEST_F(MountedImage, isUnmountedWhenItsServerIsToldToEnd) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   const auto served = server();
   ::kill(served.process, SIGTERM);
   EXPECT_TRUE(fuse::waitForEnd(served.process, std::chrono::seconds(30)));
@@ -366,7 +374,7 @@ TEST_F(MountedImage, isUnmountedWhenItsServerIsToldToEnd) {
 
 TEST_F(MountedImage, isClearedAwayByTheNextMountAfterItsServerDied) {
   volume.addFile(kRoot, "file", "text");
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   killServer();
   EXPECT_EQ(::access(place.c_str(), F_OK), -1);
   EXPECT_EQ(errno, ENOTCONN);
@@ -377,7 +385,7 @@ TEST_F(MountedImage, isClearedAwayByTheNextMountAfterItsServerDied) {
 }
 
 TEST_F(MountedImage, isClearedAwayByUnmountingAfterItsServerDied) {
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   killServer();
   EXPECT_TRUE(unmount("/Volumes/STICK-Backup/"));
   EXPECT_FALSE(fs::exists(place));
@@ -386,7 +394,7 @@ TEST_F(MountedImage, isClearedAwayByUnmountingAfterItsServerDied) {
 TEST_F(MountedImage, isReadByManyThreadsAtOnce) {
   for (int i = 0; i < 200; ++i)
     volume.addFile(kRoot, std::to_string(i), std::string(20000, static_cast<char>(i)));
-  ASSERT_TRUE(mount());
+  ASSERT_TRUE(mounts());
   std::vector<std::thread> readers;
   std::atomic<int> wrong = 0;
   for (int reader = 0; reader < 4; ++reader)

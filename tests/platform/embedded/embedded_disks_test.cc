@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include "platform/posix/posix_files.h"
 #include "tests/platform/posix/recording_log.h"
 #include "tests/platform/posix/temporary_folder.h"
+#include "tests/support/own_mounts.h"
 
 namespace platform::embedded {
 namespace {
@@ -454,14 +454,9 @@ TEST_F(EmbeddedDisksTest, reportsEverythingAsGoneWithTheVolumesFolder) {
   EXPECT_THAT(log.lines(), ElementsAre(HasSubstr("volumes folder")));
 }
 
-// Mounts of this process's own, which are gone with it.
+// Before anything looks at mounts.
 struct OwnMounts {
-  OwnMounts() {
-    // Somebody who is not root is root of a user namespace.
-    const int kinds = ::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER;
-    EXPECT_EQ(::unshare(kinds), 0);
-    EXPECT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-  }
+  OwnMounts() { takeOwnMounts(); }
 };
 
 class EmbeddedDisksOnMountsTest : private OwnMounts, public EmbeddedDisksTest {
