@@ -42,7 +42,9 @@ struct ProcessState {
 std::optional<ProcessState> stateOf(const std::string& process) {
   constexpr int kFieldsFromStateToStart = 19;
   std::ifstream file("/proc/" + process + "/stat");
-  const std::string line{std::istreambuf_iterator<char>(file), {}};
+  std::string line;
+  // Fails, where an iterator over the bytes would throw, when the process ends meanwhile.
+  std::getline(file, line, '\0');
   const auto nameEnd = line.rfind(')');
   if (nameEnd == line.npos) return std::nullopt;
   std::istringstream fields(line.substr(nameEnd + 1));

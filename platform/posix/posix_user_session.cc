@@ -4,7 +4,6 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -20,7 +19,9 @@ struct Process {
 // A process that has ended keeps its name until its parent has asked how.
 Process readProcess(const std::filesystem::path& stat) {
   std::ifstream file(stat, std::ios::binary);
-  const std::string text(std::istreambuf_iterator<char>(file), {});
+  std::string text;
+  // Fails, where an iterator over the bytes would throw, when the process ends meanwhile.
+  std::getline(file, text, '\0');
   const auto begin = text.find('(');
   const auto end = text.rfind(") ");
   if (begin == text.npos || end == text.npos || end <= begin || end + 2 >= text.size()) return {};
