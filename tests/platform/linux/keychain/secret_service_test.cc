@@ -37,8 +37,27 @@ TEST(UnlockedKeyring, keepsAnItemForTheNextProgram) {
   EXPECT_EQ(found.data->reveal(), "open sesame");
 }
 
+// While it lives, the keyring answers nobody.
+class StoppedKeyring {
+ public:
+  StoppedKeyring() { send("STOP"); }
+  ~StoppedKeyring() { send("CONT"); }
+  StoppedKeyring(const StoppedKeyring&) = delete;
+  StoppedKeyring& operator=(const StoppedKeyring&) = delete;
+
+ private:
+  static void send(const std::string& signal) {
+    const std::string process =
+        "gdbus call --session -d org.freedesktop.DBus -o /org/freedesktop/DBus "
+        "-m org.freedesktop.DBus.GetConnectionUnixProcessID org.freedesktop.secrets | "
+        "sed 's/.*uint32 //; s/[^0-9]//g'";
+    EXPECT_EQ(std::system(("kill -" + signal + " $(" + process + ")").c_str()), 0);
+  }
+};
+
 TEST(UnlockedKeyring, isNotAvailableWhenItDoesNotAnswerInTime) {
-  SecretServiceKeychain keychain(0ms);
+  const StoppedKeyring stopped;
+  SecretServiceKeychain keychain(10ms);
   EXPECT_EQ(keychain.secItemCopyMatching(kItem).status, ports::errSecNotAvailable);
   EXPECT_EQ(keychain.secItemAdd(kItem, base::Secret("x")), ports::errSecNotAvailable);
   EXPECT_EQ(keychain.secItemDelete(kItem), ports::errSecNotAvailable);
