@@ -82,15 +82,30 @@ class Contents::Reading {
   }
 
  private:
+  static constexpr std::uint64_t kMostRepeated = std::uint64_t{1} << 23;
+
   base::Result<void> addChildren(Index folder) {
-    if (!seen_.insert(contents_[folder].item.id).second)
+    const bool isNew = seen_.insert(contents_[folder].item.id).second;
+    if (!isNew && isInItself(folder))
       return base::Error{contents_.path(folder) + ": the folder is inside itself"};
     const auto first = static_cast<Index>(contents_.entries_.size());
     const Wanted* wanted = folder < wanted_.size() ? wanted_[folder] : nullptr;
     auto added = wanted == nullptr || wanted->whole ? addAll(folder) : addWanted(folder, *wanted);
     contents_.entries_[folder].firstChild = first;
     contents_.entries_[folder].children = static_cast<std::uint32_t>(contents_.entries_.size() - first);
-    return added;
+    if (isNew || !added) return added;
+    repeated_ += contents_.entries_.size() - first;
+    if (repeated_ <= kMostRepeated) return {};
+    return base::Error{contents_.path(folder) + ": hard links to folders show the same items too many times"};
+  }
+
+  bool isInItself(Index folder) const {
+    const std::uint32_t id = contents_[folder].item.id;
+    for (Index above = folder; above != kRoot;) {
+      above = contents_[above].parent;
+      if (contents_[above].item.id == id) return true;
+    }
+    return false;
   }
 
   base::Result<void> addAll(Index folder) {
@@ -127,6 +142,8 @@ class Contents::Reading {
   // By entry, as far as it goes: the part of the paths that ends or goes on there.
   std::vector<const Wanted*> wanted_;
   std::unordered_set<std::uint32_t> seen_;
+  // Items of folders that were seen before at another place. Links within linked folders multiply them.
+  std::uint64_t repeated_ = 0;
 };
 
 base::Result<Contents> Contents::read(const Volume& volume, std::span<const std::string> paths,

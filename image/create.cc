@@ -161,7 +161,8 @@ class Creation {
     });
     udif::EncryptedOutput encrypted(*keys_, file);
     const auto written = write(volume, encrypted, file);
-    header_ = {.method = encryption.method, .dataBytes = written ? *written : 0, .keyEntry = wrapping.get()};
+    header_ = {
+        .method = encryption.method, .dataBytes = written ? *written : 0, .keyEntries = {wrapping.get()}};
     if (!written) return written;
     auto head = header_.encode(randomGUID());
     if (auto put = file.write(0, head); !put) return put.error();

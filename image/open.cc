@@ -82,7 +82,7 @@ base::Result<std::unique_ptr<OpenedImage>> OpenedImage::withKeys(std::unique_ptr
   if (!head) return head.error();
   auto found = crypt::ContainerHeader::decode(*head);
   if (!found) return found.error();
-  if (found->keyEntry != header.keyEntry || found->dataBytes != header.dataBytes ||
+  if (found->keyEntries != header.keyEntries || found->dataBytes != header.dataBytes ||
       found->dataOffset != header.dataOffset || found->blockBytes != header.blockBytes)
     return base::Error{"the container's header is not what was written"};
   opened->container_ = *std::move(found);

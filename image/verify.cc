@@ -29,30 +29,33 @@ struct Sectors {
   std::uint64_t count;
 };
 
-enum class Gaps { allowed, faults };
+enum class Gaps { nowhere, between, anywhere };
 
-// Whether the parts lie beside each other within `whole` sectors and reach its end.
+// Whether the parts lie beside each other within `whole` sectors, with no gap where there may be none.
 bool fill(std::vector<Sectors> parts, std::uint64_t whole, Gaps gaps) {
   std::ranges::sort(parts, {}, &Sectors::first);
   std::uint64_t end = 0;
   for (const auto& [first, count] : parts) {
-    if (first < end || (first != end && gaps == Gaps::faults) || count > whole || first > whole - count)
+    if (first < end || (first != end && gaps == Gaps::nowhere) || count > whole || first > whole - count)
       return false;
     end = first + count;
   }
-  return end == whole;
+  return end == whole || gaps == Gaps::anywhere;
 }
 
+// What makers leave out who write no checksums reads as zeros.
 base::Result<void> checkSectors(const udif::Image& image) {
+  const bool hasSums = image.trailer().masterChecksum.has_value();
   std::vector<Sectors> regions;
   for (const udif::BlockTable& table : image.tables()) {
     regions.push_back({table.firstSector, table.sectorCount});
     std::vector<Sectors> runs;
     for (const udif::Run& run : table.runs) runs.push_back({run.firstSector, run.sectorCount});
-    if (!fill(std::move(runs), table.sectorCount, Gaps::faults))
+    if (!fill(std::move(runs), table.sectorCount, hasSums ? Gaps::nowhere : Gaps::anywhere))
       return base::Error{"the chunks of " + table.name + " are not its sectors"};
   }
-  if (fill(std::move(regions), image.trailer().sectorCount, Gaps::allowed)) return {};
+  const std::uint64_t whole = hasSums ? image.trailer().sectorCount : image.diskSectors();
+  if (fill(std::move(regions), whole, hasSums ? Gaps::between : Gaps::anywhere)) return {};
   return base::Error{"its tables overlap, or its trailer counts other sectors than they have"};
 }
 

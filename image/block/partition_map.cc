@@ -58,6 +58,14 @@ std::optional<Extent> embeddedExtent(std::span<const std::byte> block, const Ext
   return Extent{wrapper.offset + inside.offset, inside.size};
 }
 
+// Of a volume whose own header is lost, before its last sector.
+base::Result<bool> hasAlternateHeader(const Disk& disk, const Extent& extent) {
+  if (extent.size < 2 * kVolumeHeaderOffset + kSector) return false;
+  const auto header = bytesAt(disk, extent.offset + extent.size - kVolumeHeaderOffset, kSector);
+  if (!header) return header.error();
+  return isVolumeSignature(base::loadBigEndian<std::uint16_t>(header->data()));
+}
+
 base::Result<std::optional<Extent>> findHFSPlus(const Disk& disk, const Extent& extent, bool typeSaysHFS) {
   const auto header = volumeHeader(disk, extent);
   if (!header) return header.error();
@@ -115,6 +123,7 @@ std::string guidName(std::span<const std::byte> units) {
 struct GUIDTable {
   std::vector<std::byte> entries;
   std::size_t entryBytes;
+  std::uint64_t sectorBytes;
 };
 
 bool isTableHeader(std::span<const std::byte> sector) {
@@ -129,28 +138,35 @@ bool isTableHeader(std::span<const std::byte> sector) {
 }
 
 // The entries that the header in a sector tells of; nullopt when one of them is damaged or not there.
-base::Result<std::optional<GUIDTable>> tableAt(const Disk& disk, std::uint64_t sector) {
+base::Result<std::optional<GUIDTable>> tableAt(const Disk& disk, std::uint64_t sector,
+                                               std::uint64_t sectorBytes) {
   constexpr std::size_t kLeastEntryBytes = 128;
-  const auto header = bytesAt(disk, sector * kSector, kSector);
+  const auto header = bytesAt(disk, sector * sectorBytes, kSector);
   if (!header) return header.error();
   if (!isTableHeader(*header)) return std::optional<GUIDTable>();
   const auto first = loadLittleEndian<std::uint64_t>(&(*header)[72]);
   const auto count = loadLittleEndian<std::uint32_t>(&(*header)[80]);
   const auto entryBytes = loadLittleEndian<std::uint32_t>(&(*header)[84]);
   if (count > kMostEntries || entryBytes < kLeastEntryBytes || entryBytes > kSector * 8 ||
-      entryBytes % 8 != 0 || first > disk.size() / kSector ||
-      !liesWithin(first * kSector, std::uint64_t{count} * entryBytes, disk.size()))
+      entryBytes % 8 != 0 || first > disk.size() / sectorBytes ||
+      !liesWithin(first * sectorBytes, std::uint64_t{count} * entryBytes, disk.size()))
     return std::optional<GUIDTable>();
-  auto entries = bytesAt(disk, first * kSector, std::size_t{count} * entryBytes);
+  auto entries = bytesAt(disk, first * sectorBytes, std::size_t{count} * entryBytes);
   if (!entries) return entries.error();
   if (crc32(*entries) != loadLittleEndian<std::uint32_t>(&(*header)[88])) return std::optional<GUIDTable>();
-  return std::optional(GUIDTable{*std::move(entries), entryBytes});
+  return std::optional(GUIDTable{*std::move(entries), entryBytes, sectorBytes});
 }
 
 base::Result<std::optional<GUIDTable>> findTable(const Disk& disk) {
-  auto primary = tableAt(disk, 1);
-  if (!primary || *primary) return primary;
-  return tableAt(disk, disk.size() / kSector - 1);
+  for (const std::uint64_t sectorBytes : {std::uint64_t{512}, std::uint64_t{4096}}) {
+    const std::uint64_t sectors = disk.size() / sectorBytes;
+    for (const std::uint64_t sector : {std::uint64_t{1}, sectors - 1}) {
+      if (sectors < 2) continue;
+      auto table = tableAt(disk, sector, sectorBytes);
+      if (!table || *table) return table;
+    }
+  }
+  return std::optional<GUIDTable>();
 }
 
 base::Result<PartitionMap> readGUIDTable(const Disk& disk, const GUIDTable& table) {
@@ -161,13 +177,14 @@ base::Result<PartitionMap> readGUIDTable(const Disk& disk, const GUIDTable& tabl
     const auto first = loadLittleEndian<std::uint64_t>(&entry[32]);
     const auto last = loadLittleEndian<std::uint64_t>(&entry[40]);
     if (std::ranges::all_of(type, [](std::byte b) { return b == std::byte{0}; })) continue;
-    if (last < first || last >= kMostSectors)
+    if (last < first || last >= kMostSectors / (table.sectorBytes / kSector))
       return base::Error{"the GUID partition table has a partition that ends before it begins"};
     const bool isHFS = std::ranges::equal(std::as_bytes(std::span(kHFSPartitionType)), type);
-    auto added = partitions.add({.extent = {first * kSector, (last - first + 1) * kSector},
-                                 .type = guidText(type),
-                                 .name = guidName(entry.subspan(56, 72))},
-                                isHFS);
+    auto added =
+        partitions.add({.extent = {first * table.sectorBytes, (last - first + 1) * table.sectorBytes},
+                        .type = guidText(type),
+                        .name = guidName(entry.subspan(56, 72))},
+                       isHFS);
     if (!added) return added.error();
   }
   return partitions.take();
@@ -254,6 +271,14 @@ base::Result<PartitionMap> readBareVolume(const Disk& disk) {
   return map;
 }
 
+base::Result<PartitionMap> readBareVolumeByItsEnd(const Disk& disk) {
+  const Extent whole{0, disk.size()};
+  const auto found = hasAlternateHeader(disk, whole);
+  if (!found) return found.error();
+  if (!*found) return PartitionMap{};
+  return PartitionMap{.partitions = {{.extent = whole, .type = "Apple_HFS", .hfsPlus = whole}}};
+}
+
 }  // namespace
 
 // What can prove itself goes first: boot blocks of volumes and other maps may carry the mark of a master boot
@@ -270,7 +295,7 @@ base::Result<PartitionMap> PartitionMap::read(const Disk& disk) {
   if (*blockBytes != 0) return readAppleMap(disk, *blockBytes);
   const auto boot = bytesAt(disk, 0, kSector);
   if (!boot) return boot.error();
-  if (!isMasterBootRecord(*boot)) return PartitionMap{};
+  if (!isMasterBootRecord(*boot)) return readBareVolumeByItsEnd(disk);
   if (std::ranges::count(mbrTypes(*boot), kProtective) != 0)
     return base::Error{"both copies of the GUID partition table are damaged"};
   return readMasterBootRecord(disk, *boot);

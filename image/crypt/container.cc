@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/params.h>
+#include <string>
 
 #include "base/byte_order.h"
 
@@ -16,7 +18,10 @@ namespace {
 
 constexpr std::string_view kSignature = "encrcdsa";
 constexpr std::string_view kVersion1Signature = "cdsaencr";
-constexpr std::size_t kHeaderBytes = 96;
+constexpr std::size_t kHeaderBytes = 76;
+constexpr std::size_t kSlotBytes = 20;
+// Each that is tried takes as long as its iterations take.
+constexpr std::size_t kMostKeyEntries = 16;
 constexpr std::size_t kKeyEntryBytes = 616;
 constexpr std::size_t kIVKeyBytes = 20;
 constexpr std::size_t kAESBlockBytes = 16;
@@ -34,6 +39,8 @@ constexpr std::size_t kTripleDESKeyBytes = 24;
 constexpr std::size_t kSaltBytes = 20;
 constexpr std::size_t kFieldBytes = 32;
 constexpr std::size_t kWrapIVBytes = 8;
+constexpr std::uint32_t kLeastBlockBytes = 512;
+constexpr std::uint32_t kMostBlockBytes = 1 << 20;
 
 // Cryptography that does not work leaves nothing sensible to do: going on would lose or bare the data.
 void require(bool done) {
@@ -164,6 +171,20 @@ bool isKnownEntry(std::span<const std::byte> bytes) {
 
 std::size_t keyBytes(Method method) { return method == Method::aes128 ? 16 : 32; }
 
+// The wrapped bytes of an entry; empty where the password does not open it.
+base::Secret unwrapped(std::span<const std::byte> keyEntry, const base::Secret& password) {
+  base::ByteReader in(keyEntry);
+  in.skip(4 + 4);
+  const auto iterations = in.get<std::uint32_t>();
+  const auto saltBytes = std::min<std::size_t>(in.get<std::uint32_t>(), kFieldBytes);
+  const auto salt = in.take(kFieldBytes).first(saltBytes);
+  in.skip(4);
+  const auto iv = in.take(kFieldBytes).first(kWrapIVBytes);
+  in.skip(4 * 4);
+  const auto wrapped = in.take(in.get<std::uint32_t>());
+  return cryptKeys(deriveKey(password, salt, iterations), iv, viewOf(wrapped), Direction::decrypt);
+}
+
 }  // namespace
 
 std::optional<Method> methodNamed(std::string_view name) {
@@ -219,23 +240,17 @@ std::vector<std::byte> ContainerHeader::wrap(const ContainerKeys& keys, const ba
 }
 
 std::optional<ContainerKeys> ContainerHeader::unwrap(const base::Secret& password) const {
-  base::ByteReader in(keyEntry);
-  in.skip(4 + 4);
-  const auto iterations = in.get<std::uint32_t>();
-  const auto saltBytes = std::min<std::size_t>(in.get<std::uint32_t>(), kFieldBytes);
-  const auto salt = in.take(kFieldBytes).first(saltBytes);
-  in.skip(4);
-  const auto iv = in.take(kFieldBytes).first(kWrapIVBytes);
-  in.skip(4 * 4);
-  const auto wrapped = in.take(in.get<std::uint32_t>());
-  const auto plain =
-      cryptKeys(deriveKey(password, salt, iterations), iv, viewOf(wrapped), Direction::decrypt);
-  const auto bytes = plain.reveal();
   const std::size_t cipherBytes = keyBytes(method);
-  if (bytes.size() < cipherBytes + kIVKeyBytes + kWrappedKeyMark.size()) return std::nullopt;
-  if (!bytes.substr(cipherBytes + kIVKeyBytes).starts_with(kWrappedKeyMark)) return std::nullopt;
-  return ContainerKeys(base::Secret(bytes.substr(0, cipherBytes)),
-                       base::Secret(bytes.substr(cipherBytes, kIVKeyBytes)));
+  for (const auto& entry : keyEntries) {
+    const auto plain = unwrapped(entry, password);
+    const auto bytes = plain.reveal();
+    if (bytes.size() < cipherBytes + kIVKeyBytes + kWrappedKeyMark.size() ||
+        !bytes.substr(cipherBytes + kIVKeyBytes).starts_with(kWrappedKeyMark))
+      continue;
+    return ContainerKeys(base::Secret(bytes.substr(0, cipherBytes)),
+                         base::Secret(bytes.substr(cipherBytes, kIVKeyBytes)));
+  }
+  return std::nullopt;
 }
 
 std::vector<std::byte> ContainerHeader::encode(std::span<const std::byte, 16> identifier) const {
@@ -244,8 +259,13 @@ std::vector<std::byte> ContainerHeader::encode(std::span<const std::byte, 16> id
   out.put(std::as_bytes(std::span(kSignature))).put(std::uint32_t{2}).put(std::uint32_t{kAESBlockBytes});
   out.put(kModeCBC).put(kAES).put(static_cast<std::uint32_t>(keyBytes(method) * 8));
   out.put(kHMACSHA1).put(std::uint32_t{kIVKeyBytes * 8}).put(identifier);
-  out.put(blockBytes).put(dataBytes).put(dataOffset).put(std::uint32_t{1});
-  out.put(kPassphraseEntry).put(std::uint64_t{kHeaderBytes}).put(std::uint64_t{kKeyEntryBytes}).put(keyEntry);
+  out.put(blockBytes).put(dataBytes).put(dataOffset).put(static_cast<std::uint32_t>(keyEntries.size()));
+  std::uint64_t at = kHeaderBytes + kSlotBytes * keyEntries.size();
+  for (const auto& entry : keyEntries) {
+    out.put(kPassphraseEntry).put(at).put(std::uint64_t{entry.size()});
+    at += entry.size();
+  }
+  for (const auto& entry : keyEntries) out.put(entry);
   out.zeros(dataOffset - bytes.size());
   return bytes;
 }
@@ -257,34 +277,41 @@ bool ContainerHeader::isContainer(std::span<const std::byte> bytes) {
 bool ContainerHeader::isVersion1(std::span<const std::byte> end) { return viewOf(end) == kVersion1Signature; }
 
 base::Result<ContainerHeader> ContainerHeader::decode(std::span<const std::byte> bytes) {
-  const base::Error unknown{"an encrypted image of a kind that is not known here"};
+  const auto unsupported = [](const std::string& what) {
+    return base::Error{"an encrypted image " + what + " is not supported"};
+  };
   base::ByteReader in(bytes);
-  if (!isContainer(bytes)) return unknown;
+  if (!isContainer(bytes)) return base::Error{"not an encrypted image"};
   in.skip(kSignature.size());
   ContainerHeader header;
-  if (in.get<std::uint32_t>() != 2) return unknown;
+  if (const auto version = in.get<std::uint32_t>(); version != 2)
+    return unsupported("of version " + std::to_string(version));
   in.skip(4 + 4);
-  if (in.get<std::uint32_t>() != kAES) return unknown;
+  const auto cipher = in.get<std::uint32_t>();
   const auto keyBits = in.get<std::uint32_t>();
-  if (keyBits != 128 && keyBits != 256) return unknown;
+  if (cipher != kAES || (keyBits != 128 && keyBits != 256))
+    return unsupported("with cipher " + std::to_string(cipher) + " and keys of " + std::to_string(keyBits) +
+                       " bits");
   header.method = keyBits == 128 ? Method::aes128 : Method::aes256;
   in.skip(4 + 4 + 16);
   header.blockBytes = in.get<std::uint32_t>();
   header.dataBytes = in.get<std::uint64_t>();
   header.dataOffset = in.get<std::uint64_t>();
   const auto entries = in.get<std::uint32_t>();
-  for (std::uint32_t i = 0; i < entries && in.ok(); ++i) {
+  if (!in.ok() || header.dataOffset < kHeaderBytes)
+    return base::Error{"the header of the encrypted image is damaged"};
+  for (std::uint32_t i = 0; i < entries && in.ok() && header.keyEntries.size() < kMostKeyEntries; ++i) {
     const bool isPassphrase = in.get<std::uint32_t>() == kPassphraseEntry;
     const auto offset = in.get<std::uint64_t>();
     const auto size = in.get<std::uint64_t>();
     if (!isPassphrase || offset > bytes.size() || size > bytes.size() - offset) continue;
-    header.keyEntry.assign(bytes.begin() + static_cast<std::ptrdiff_t>(offset),
-                           bytes.begin() + static_cast<std::ptrdiff_t>(offset + size));
-    break;
+    const auto entry = bytes.subspan(offset, std::min<std::uint64_t>(size, kKeyEntryBytes));
+    if (isKnownEntry(entry)) header.keyEntries.emplace_back(entry.begin(), entry.end());
   }
-  if (!in.ok() || !isKnownEntry(header.keyEntry)) return unknown;
-  if ((header.blockBytes != 512 && header.blockBytes != 4096) || header.dataOffset < kHeaderBytes)
-    return unknown;
+  if (header.keyEntries.empty()) return unsupported("that no password opens");
+  if (header.blockBytes < kLeastBlockBytes || header.blockBytes > kMostBlockBytes ||
+      !std::has_single_bit(header.blockBytes))
+    return unsupported("with blocks of " + std::to_string(header.blockBytes) + " bytes");
   return header;
 }
 

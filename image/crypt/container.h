@@ -46,8 +46,8 @@ class ContainerKeys {
   base::Secret ivKey_;
 };
 
-// What stands in front of the data: the `encrcdsa` header with one key entry, which holds the keys wrapped
-// with the password (PBKDF2-HMAC-SHA1, 3DES-CBC).
+// What stands in front of the data: the `encrcdsa` header with key entries, each of which holds the keys
+// wrapped with a password (PBKDF2-HMAC-SHA1, 3DES-CBC). New containers have one.
 struct ContainerHeader {
   // Of new containers; both are also what the platform's own images have.
   static constexpr std::uint32_t kBlockBytes = 4096;
@@ -58,19 +58,19 @@ struct ContainerHeader {
   // Bytes of plain data, which the last block pads with zeros.
   std::uint64_t dataBytes = 0;
   std::uint64_t dataOffset = kDataOffset;
-  std::vector<std::byte> keyEntry{};
+  std::vector<std::vector<std::byte>> keyEntries{};
 
   // Wraps the keys with the password; takes as long as the iterations take.
   static std::vector<std::byte> wrap(const ContainerKeys& keys, const base::Secret& password,
                                      std::uint32_t iterations, const RandomBytes& random);
-  // nullopt when the password is not the right one.
+  // Tries one entry after the other. nullopt when the password is not the right one.
   std::optional<ContainerKeys> unwrap(const base::Secret& password) const;
 
   // dataOffset bytes.
   std::vector<std::byte> encode(std::span<const std::byte, 16> identifier) const;
   // bytes: the file's first kHeadBytes, or all of a shorter one. Key entries for anything but a password are
   // passed over.
-  static constexpr std::size_t kHeadBytes = 4096;
+  static constexpr std::size_t kHeadBytes = 1 << 17;
   static base::Result<ContainerHeader> decode(std::span<const std::byte> bytes);
   static bool isContainer(std::span<const std::byte> bytes);
   // Whether a file with these bytes at its very end is a container of version 1, which is not read here.

@@ -85,8 +85,6 @@ std::string composedFileName(std::u16string_view storedName) {
   return name;
 }
 
-bool isDecomposed(std::u16string_view name) { return decompose(name) == name; }
-
 std::u16string foldedName(std::u16string_view name) {
   std::u16string folded;
   folded.reserve(name.size());

@@ -20,9 +20,6 @@ std::optional<std::u16string> storedName(std::string_view fileName);
 // other systems mostly are.
 std::string composedFileName(std::u16string_view storedName);
 
-// Whether a stored name is canonically decomposed in the sense of storedName().
-bool isDecomposed(std::u16string_view name);
-
 // Order of catalog keys: TN1150's case folding with its ignorable characters, or plain unit values.
 std::strong_ordering compareNames(std::u16string_view a, std::u16string_view b, NameOrder order);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "base/byte_order.h"
+#include "image/hfs/journal.h"
 #include "image/hfs/unicode_name.h"
 #include "image/hfs/volume_view.h"
 
@@ -18,11 +20,13 @@ namespace {
 
 constexpr std::uint32_t kExtentsFileID = 3;
 constexpr std::uint32_t kCatalogFileID = 4;
+constexpr std::uint32_t kBadBlockFileID = 5;
 constexpr std::uint32_t kAllocationFileID = 6;
 constexpr std::uint32_t kStartupFileID = 7;
 constexpr std::uint32_t kAttributesFileID = 8;
 constexpr std::uint32_t kRootFolderID = 2;
 constexpr std::uint32_t kRootParentID = 1;
+constexpr std::uint64_t kHeaderAt = VolumeHeader::kOffset;
 
 constexpr std::uint16_t kHasThread = 0x0002;
 constexpr std::uint16_t kHasAttributes = 0x0004;
@@ -69,40 +73,64 @@ std::string item(std::uint32_t id) { return "item " + std::to_string(id); }
 
 class Check {
  public:
-  explicit Check(const base::RandomAccess& volume) : volume_(volume) {}
+  explicit Check(const block::Disk& disk) : volume_(&disk) {}
 
   base::Result<VolumeCounts> run() {
-    for (const auto step : {&Check::readHeaders, &Check::readOverflow, &Check::checkCatalog,
-                            &Check::checkAttributes, &Check::checkAllocation})
+    for (const auto step :
+         {&Check::readHeader, &Check::replayJournal, &Check::checkAlternateHeader, &Check::readOverflow,
+          &Check::checkCatalog, &Check::checkAttributes, &Check::checkAllocation})
       if (auto done = (this->*step)(); !done) return done.error();
     return VolumeCounts{header_.fileCount, header_.folderCount};
   }
 
  private:
-  base::Result<void> readHeaders() {
-    std::array<std::byte, 512> first;
-    std::array<std::byte, 512> second;
-    if (volume_.size() < 4096 || !volume_.read(1024, first))
+  base::Result<void> readHeader() {
+    if (volume_->size() < 4096 || !volume_->read(kHeaderAt, headerBytes_))
       return base::Error{"the volume header cannot be read"};
-    auto header = VolumeHeader::decode(first, volume_.size());
+    auto header = VolumeHeader::decode(headerBytes_, volume_->size());
     if (!header) return header.error();
     header_ = *std::move(header);
-    const std::uint64_t alternateAt = header_.volumeBytes() - 1024;
-    if (!volume_.read(alternateAt, second)) return base::Error{"the alternate volume header cannot be read"};
-    // Counts and dates of the alternate header are allowed to be older.
-    constexpr std::size_t kGeometryAt = 40;
-    constexpr std::size_t kForksAt = 112;
-    const bool same =
-        std::ranges::equal(std::span(first).first(4), std::span(second).first(4)) &&
-        std::ranges::equal(std::span(first).subspan(kGeometryAt, 8),
-                           std::span(second).subspan(kGeometryAt, 8)) &&
-        std::ranges::equal(std::span(first).subspan(kForksAt), std::span(second).subspan(kForksAt));
-    if (!same) return base::Error{"the alternate volume header differs from the volume header"};
+    return {};
+  }
+
+  base::Result<void> replayJournal() {
+    auto journaled = JournaledDisk::replay(*volume_, header_);
+    if (!journaled) return journaled.error();
+    if (!*journaled) return {};
+    journaled_ = *std::move(journaled);
+    volume_ = journaled_.get();
+    return readHeader();
+  }
+
+  // Where the volume was made for some sectors more than its blocks, it stands before the last of those.
+  base::Result<void> checkAlternateHeader() {
+    const std::uint64_t end = header_.volumeBytes();
+    auto same = hasAlternateBefore(end);
+    if (same && !*same) same = hasAlternateBefore(volume_->size());
+    if (!same) return same.error();
+    if (!*same) return base::Error{"the alternate volume header differs from the volume header"};
     used_.resize(header_.totalBlocks);
     // Boot blocks and volume header; alternate volume header and the last sector.
-    for (std::uint64_t at : {std::uint64_t{0}, std::uint64_t{1024}, alternateAt, header_.volumeBytes() - 512})
-      used_[at / header_.blockBytes] = true;
+    for (const std::uint64_t at :
+         {std::uint64_t{0}, std::uint64_t{512}, kHeaderAt, alternateAt_, alternateAt_ + 512})
+      if (at < end) used_[at / header_.blockBytes] = true;
+    firstSpareBlock_ = alternateAt_ < end ? end / header_.blockBytes : (end - 1024) / header_.blockBytes;
     return {};
+  }
+
+  // Counts and dates of the alternate header are allowed to be older.
+  base::Result<bool> hasAlternateBefore(std::uint64_t end) {
+    constexpr std::size_t kGeometryAt = 40;
+    constexpr std::size_t kForksAt = 112;
+    std::array<std::byte, 512> bytes;
+    alternateAt_ = end - 1024;
+    if (end < kHeaderAt + 1024 || !volume_->read(alternateAt_, bytes))
+      return base::Error{"the alternate volume header cannot be read"};
+    const std::span first(headerBytes_);
+    const std::span second(bytes);
+    return std::ranges::equal(first.first(4), second.first(4)) &&
+           std::ranges::equal(first.subspan(kGeometryAt, 8), second.subspan(kGeometryAt, 8)) &&
+           std::ranges::equal(first.subspan(kForksAt), second.subspan(kForksAt));
   }
 
   base::Result<void> use(std::uint32_t file, const Extent& extent) {
@@ -136,7 +164,7 @@ class Check {
   base::Result<void> readOverflow() {
     auto extents = claim(kExtentsFileID, kDataFork, header_.extentsOverflow);
     if (!extents) return extents.error();
-    const ForkView fork(volume_, header_.blockBytes, header_.extentsOverflow.size, *extents);
+    const ForkView fork(*volume_, header_.blockBytes, header_.extentsOverflow.size, *extents);
     const auto tree = BTreeView::open(fork, "extents overflow file");
     if (!tree) return tree.error();
     return tree->walk(extentsOrder(), [this](const RecordView& record) -> base::Result<void> {
@@ -159,11 +187,10 @@ class Check {
   base::Result<void> checkCatalog() {
     auto extents = claim(kCatalogFileID, kDataFork, header_.catalog);
     if (!extents) return extents.error();
-    const ForkView fork(volume_, header_.blockBytes, header_.catalog.size, *extents);
+    const ForkView fork(*volume_, header_.blockBytes, header_.catalog.size, *extents);
     const auto tree = BTreeView::open(fork, "catalog file");
     if (!tree) return tree.error();
-    if (header_.order == NameOrder::caseFolding && isHFSX() && tree->keyCompareType() == 0xBC)
-      header_.order = NameOrder::binary;
+    if (header_.isX && tree->keyCompareType() == 0xBC) header_.order = NameOrder::binary;
     if (auto walked =
             tree->walk(catalogOrder(header_.order), [this](const RecordView& r) { return visit(r); });
         !walked)
@@ -173,16 +200,14 @@ class Check {
       return base::Error{"the catalog's threads are not those of its items"};
     if (!(valencesOfRecords_ == valencesCounted_))
       return base::Error{"a folder counts other items than it has"};
+    if (allCountFolders_ && !(subfoldersOfRecords_ == subfoldersCounted_))
+      return base::Error{"a folder counts other folders than it has"};
     if (files_ != header_.fileCount || folders_ != header_.folderCount + 1)
       return base::Error{"the volume header counts other files or folders than the catalog has"};
-    if (highestID_ >= header_.nextCatalogID)
+    const bool givesAgain = (header_.attributes & VolumeHeader::kReusesNumbers) != 0;
+    if (highestID_ >= header_.nextCatalogID && !givesAgain)
       return base::Error{"the volume header would give a number out again"};
     return checkLinks();
-  }
-
-  bool isHFSX() const {
-    std::array<std::byte, 2> signature;
-    return volume_.read(1024, signature) && base::loadBigEndian<std::uint16_t>(signature.data()) == 0x4858;
   }
 
   base::Result<void> visit(const RecordView& record) {
@@ -192,7 +217,6 @@ class Check {
     const std::u16string name = getName(key);
     if (!key.ok() || key.remaining() != 0 || name.size() > kMaxNameUnits)
       return base::Error{"a catalog key below " + item(parent) + " is damaged"};
-    if (!isDecomposed(name)) return base::Error{"a name below " + item(parent) + " is not decomposed"};
     base::ByteReader data(record.data);
     const auto type = data.get<std::uint16_t>();
     if (type == 3 || type == 4) return visitThread(type == 3, parent, name, data);
@@ -216,8 +240,8 @@ class Check {
   }
 
   void closeFolder() {
-    if (folder_ != 0)
-      valencesCounted_.add({folder_, children_, header_.order == NameOrder::binary ? subfolders_ : 0});
+    if (folder_ != 0) valencesCounted_.add({folder_, children_});
+    if (folder_ != 0) subfoldersCounted_.add({folder_, subfolders_});
     folder_ = children_ = subfolders_ = 0;
   }
 
@@ -241,10 +265,9 @@ class Check {
     const auto subfolders = data.get<std::uint32_t>();
     if (!data.ok()) return base::Error{"the record of " + item(id) + " is damaged"};
     ++folders_;
-    const bool counts = header_.order == NameOrder::binary;
-    if (counts && (flags & kHasFolderCount) == 0)
-      return base::Error{item(id) + " does not count its folders"};
-    valencesOfRecords_.add({id, valence, counts ? subfolders : 0});
+    valencesOfRecords_.add({id, valence});
+    subfoldersOfRecords_.add({id, subfolders});
+    allCountFolders_ = allCountFolders_ && (flags & kHasFolderCount) != 0;
     if ((flags & kHasAttributes) != 0) flagged_.insert(id);
     return visitItem(id, parent, name, true);
   }
@@ -290,7 +313,7 @@ class Check {
       return flagged_.empty() ? base::Result<void>() : missingAttributes();
     auto extents = claim(kAttributesFileID, kDataFork, header_.attributesFile);
     if (!extents) return extents.error();
-    const ForkView fork(volume_, header_.blockBytes, header_.attributesFile.size, *extents);
+    const ForkView fork(*volume_, header_.blockBytes, header_.attributesFile.size, *extents);
     const auto tree = BTreeView::open(fork, "attributes file");
     if (!tree) return tree.error();
     std::unordered_set<std::uint32_t> found;
@@ -335,14 +358,24 @@ class Check {
     return {};
   }
 
+  // They belong to a file of which there is nothing but overflow records.
+  base::Result<void> claimBadBlocks() {
+    const auto bad = overflow_.extract({kBadBlockFileID, kDataFork});
+    if (bad.empty()) return {};
+    for (const Extent& extent : bad.mapped())
+      if (auto used = use(kBadBlockFileID, extent); !used) return used;
+    return {};
+  }
+
   base::Result<void> checkAllocation() {
     auto extents = claim(kAllocationFileID, kDataFork, header_.allocation);
     if (!extents) return extents.error();
     if (auto startup = claim(kStartupFileID, kDataFork, header_.startupFile); !startup)
       return startup.error();
+    if (auto bad = claimBadBlocks(); !bad) return bad;
     if (!overflow_.empty())
       return base::Error{"overflow records of " + item(overflow_.begin()->first.first) + " have no file"};
-    const ForkView fork(volume_, header_.blockBytes, header_.allocation.size, *extents);
+    const ForkView fork(*volume_, header_.blockBytes, header_.allocation.size, *extents);
     std::vector<std::byte> piece(1 << 16);
     std::uint64_t freeBlocks = 0;
     for (std::uint64_t block = 0; block < header_.totalBlocks; ++block) {
@@ -353,7 +386,7 @@ class Check {
           return base::Error{"the allocation file cannot be read"};
       }
       const bool marked = (piece[at] >> (7 - block % 8) & std::byte{1}) != std::byte{0};
-      if (marked != used_[block])
+      if (marked != used_[block] && (used_[block] || block < firstSpareBlock_))
         return base::Error{"the allocation file is wrong about block " + std::to_string(block)};
       if (!marked) ++freeBlocks;
     }
@@ -362,9 +395,15 @@ class Check {
     return {};
   }
 
-  const base::RandomAccess& volume_;
+  const block::Disk* volume_;
+  std::unique_ptr<JournaledDisk> journaled_;
+  std::array<std::byte, 512> headerBytes_{};
   VolumeHeader header_;
+  std::uint64_t alternateAt_ = 0;
   std::vector<bool> used_;
+  // From here on some makers mark what none uses: the last blocks, where the alternate header lies behind
+  // them.
+  std::uint64_t firstSpareBlock_ = 0;
   // Extents beyond the eighth, by file and fork; whoever claims them takes them out.
   std::map<std::pair<std::uint32_t, std::uint8_t>, std::vector<Extent>> overflow_;
 
@@ -372,6 +411,10 @@ class Check {
   FactSum itemsOfThreads_;
   FactSum valencesOfRecords_;
   FactSum valencesCounted_;
+  // Only folders of HFSX count their folders, and not those that old systems made.
+  FactSum subfoldersOfRecords_;
+  FactSum subfoldersCounted_;
+  bool allCountFolders_ = true;
   // The folder whose items the walk is passing, or 0.
   std::uint32_t folder_ = 0;
   std::uint32_t children_ = 0;
@@ -386,6 +429,6 @@ class Check {
 
 }  // namespace
 
-base::Result<VolumeCounts> checkVolume(const base::RandomAccess& volume) { return Check(volume).run(); }
+base::Result<VolumeCounts> checkVolume(const block::Disk& disk) { return Check(disk).run(); }
 
 }  // namespace image::hfs

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "base/random_access.h"
 #include "base/result.h"
+#include "image/block/disk.h"
 
 namespace image::hfs {
 
@@ -12,10 +12,11 @@ struct VolumeCounts {
   std::uint32_t folders = 0;
 };
 
-// Checks a whole HFS+ or HFSX volume: both volume headers, the structure and key order of all B-trees, that
-// each item has its thread and each thread its item, names, valences, counts, hard links, attributes, and
-// that the allocation file marks exactly the blocks that something uses, once each. Gives the first fault
-// that is found. Memory: two bits for each allocation block and some bytes for each tree node.
-base::Result<VolumeCounts> checkVolume(const base::RandomAccess& volume);
+// Checks a whole HFS+ or HFSX volume of any maker, as its journal leaves it: both volume headers, the
+// structure and key order of all B-trees, that each item has its thread and each thread its item, valences,
+// counts, hard links, attributes, and that the allocation file marks exactly the blocks that something uses,
+// once each. Gives the first fault that is found. Memory: two bits for each allocation block and some bytes
+// for each tree node.
+base::Result<VolumeCounts> checkVolume(const block::Disk& disk);
 
 }  // namespace image::hfs

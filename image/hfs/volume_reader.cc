@@ -43,9 +43,14 @@ base::Result<std::unique_ptr<VolumeReader>> VolumeReader::open(const block::Disk
 
 base::Result<void> VolumeReader::readHeader() {
   std::array<std::byte, 512> sector;
-  if (auto read = disk_->readChecked(1024, sector); !read)
-    return base::Error{"the volume header cannot be read: " + read.error().message};
-  auto header = VolumeHeader::decode(sector, disk_->size());
+  base::Result<VolumeHeader> header = base::Error{"the volume header is not there"};
+  for (const std::uint64_t at : {VolumeHeader::kOffset, disk_->size() - VolumeHeader::kOffset}) {
+    if (auto read = disk_->readChecked(at, sector); !read)
+      return base::Error{"the volume header cannot be read: " + read.error().message};
+    auto found = VolumeHeader::decode(sector, disk_->size());
+    if (found || at == VolumeHeader::kOffset) header = std::move(found);
+    if (header) break;
+  }
   if (!header) return header.error();
   header_ = *std::move(header);
   return {};

@@ -65,6 +65,7 @@ class VolumeReader {
  private:
   explicit VolumeReader(const block::Disk& disk) : disk_(&disk) {}
 
+  // From the alternate header where the other is none.
   base::Result<void> readHeader();
   base::Result<void> replayJournal();
   base::Result<void> openTrees(std::uint64_t cacheBytes);

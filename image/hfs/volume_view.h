@@ -29,7 +29,11 @@ struct ForkRecord {
 ForkRecord getFork(base::ByteReader& in);
 
 struct VolumeHeader {
+  // From the volume's beginning, and of the alternate header from its end.
+  static constexpr std::uint64_t kOffset = 1024;
   static constexpr std::uint32_t kUnmountedCleanly = 0x100;
+  // Numbers of items that are gone are given to new ones, the next number being any.
+  static constexpr std::uint32_t kReusesNumbers = 0x1000;
   static constexpr std::uint32_t kJournaled = 0x2000;
 
   NameOrder order = NameOrder::caseFolding;

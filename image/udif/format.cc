@@ -137,7 +137,7 @@ base::Result<Trailer> decodeTrailer(std::span<const std::byte, kTrailerBytes> by
   in.skip(4 + 8);
   trailer.dataForkOffset = in.get<std::uint64_t>();
   trailer.dataForkLength = in.get<std::uint64_t>();
-  in.skip(8);
+  trailer.resourceForkOffset = in.get<std::uint64_t>();
   trailer.resourceForkLength = in.get<std::uint64_t>();
   in.skip(4);
   if (in.get<std::uint32_t>() > 1) return base::Error{"one segment of a disk image in several files"};

@@ -57,11 +57,12 @@ base::Result<BlockTable> decodeTable(std::span<const std::byte> bytes);
 
 constexpr std::size_t kTrailerBytes = 512;
 
-// The `koly` trailer, the last 512 bytes of an image.
+// The `koly` trailer, the last 512 bytes of an image, or the first ones.
 struct Trailer {
   std::uint64_t dataForkOffset = 0;
   std::uint64_t dataForkLength = 0;
   // Where old images have their tables; written as 0.
+  std::uint64_t resourceForkOffset = 0;
   std::uint64_t resourceForkLength = 0;
   std::uint64_t propertyListOffset = 0;
   std::uint64_t propertyListLength = 0;

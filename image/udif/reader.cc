@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <string>
 
-#include "base/xml_property_list.h"
+#include "base/binary_property_list.h"
 #include "image/block/disk.h"
 #include "image/udif/chunk_decoder.h"
+#include "image/udif/resource_fork.h"
 
 namespace image::udif {
 namespace {
@@ -16,6 +17,17 @@ constexpr std::uint64_t kMaxPropertyListBytes = 1ull << 31;
 constexpr std::uint64_t kMostSectors = std::uint64_t{1} << 54;
 
 using block::liesWithin;
+
+// nullopt where there is none.
+base::Result<std::optional<std::uint64_t>> trailerOffset(const base::RandomAccess& file) {
+  std::array<std::byte, 4> signature;
+  if (file.size() < kTrailerBytes) return std::optional<std::uint64_t>();
+  for (const std::uint64_t offset : {file.size() - kTrailerBytes, std::uint64_t{0}}) {
+    if (!file.read(offset, signature)) return base::Error{"its trailer cannot be read"};
+    if (isTrailer(signature)) return std::optional(offset);
+  }
+  return std::optional<std::uint64_t>();
+}
 
 }  // namespace
 
@@ -42,41 +54,67 @@ bool DecryptedFile::read(std::uint64_t offset, std::span<std::byte> into) const 
 }
 
 base::Result<bool> hasTrailer(const base::RandomAccess& file) {
-  std::array<std::byte, 4> signature;
-  if (file.size() < kTrailerBytes) return false;
-  if (!file.read(file.size() - kTrailerBytes, signature)) return base::Error{"its trailer cannot be read"};
-  return isTrailer(signature);
+  const auto offset = trailerOffset(file);
+  if (!offset) return offset.error();
+  return offset->has_value();
 }
 
 base::Result<Image> Image::open(const base::RandomAccess& file) {
   Image image(file);
-  std::array<std::byte, kTrailerBytes> end;
-  if (file.size() < kTrailerBytes) return base::Error{"not a disk image: it is too short"};
-  if (!file.read(file.size() - kTrailerBytes, end)) return base::Error{"its trailer cannot be read"};
-  auto trailer = decodeTrailer(end);
-  if (!trailer) return trailer.error();
-  image.trailer_ = *trailer;
-  if (trailer->propertyListLength == 0 && trailer->resourceForkLength != 0)
-    return base::Error{"an image with its block tables in a resource fork is not supported"};
-  if (trailer->propertyListLength == 0 || trailer->propertyListLength > kMaxPropertyListBytes ||
-      !liesWithin(trailer->propertyListOffset, trailer->propertyListLength, file.size()) ||
-      !liesWithin(trailer->dataForkOffset, trailer->dataForkLength, file.size()) ||
-      trailer->sectorCount > kMostSectors)
-    return base::Error{"its trailer names bytes that it does not have"};
-  std::string text(trailer->propertyListLength, '\0');
-  if (!file.read(trailer->propertyListOffset, std::as_writable_bytes(std::span(text))))
-    return base::Error{"its property list cannot be read"};
-  const auto list = base::parseXMLPropertyList(text);
-  if (!list) return base::Error{"its property list is damaged: " + list.error().message};
-  auto tables = decodeResources(*list);
+  if (auto read = image.readTrailer(); !read) return read.error();
+  auto tables = image.readTables();
   if (!tables) return tables.error();
   image.tables_ = *std::move(tables);
-  image.diskSectors_ = trailer->sectorCount;
+  image.diskSectors_ = image.trailer_.sectorCount;
   for (const BlockTable& table : image.tables_) {
     if (auto checked = image.checkTable(table); !checked) return checked.error();
     image.diskSectors_ = std::max(image.diskSectors_, table.firstSector + table.sectorCount);
   }
   return image;
+}
+
+base::Result<void> Image::readTrailer() {
+  if (file_->size() < kTrailerBytes) return base::Error{"not a disk image: it is too short"};
+  const auto offset = trailerOffset(*file_);
+  if (!offset) return offset.error();
+  std::array<std::byte, kTrailerBytes> bytes;
+  if (!file_->read(offset->value_or(file_->size() - kTrailerBytes), bytes))
+    return base::Error{"its trailer cannot be read"};
+  auto trailer = decodeTrailer(bytes);
+  if (!trailer) return trailer.error();
+  trailer_ = *trailer;
+  if (!liesWithin(trailer_.dataForkOffset, trailer_.dataForkLength, file_->size()) ||
+      trailer_.sectorCount > kMostSectors)
+    return base::Error{"its trailer names bytes that it does not have"};
+  return {};
+}
+
+base::Result<std::vector<BlockTable>> Image::readTables() const {
+  if (trailer_.propertyListLength == 0 && trailer_.resourceForkLength != 0) {
+    const auto fork =
+        readBytes(trailer_.resourceForkOffset, trailer_.resourceForkLength, "its resource fork");
+    if (!fork) return fork.error();
+    const auto list = readResourceFork(*fork);
+    if (!list) return list.error();
+    return decodeResources(*list);
+  }
+  auto bytes = readBytes(trailer_.propertyListOffset, trailer_.propertyListLength, "its property list");
+  if (!bytes) return bytes.error();
+  // Some makers end it as a C string.
+  while (!bytes->empty() && bytes->back() == std::byte{0} && bytes->front() == std::byte{'<'})
+    bytes->pop_back();
+  const auto list = base::parsePropertyList(*bytes);
+  if (!list) return base::Error{"its property list is damaged: " + list.error().message};
+  return decodeResources(*list);
+}
+
+base::Result<std::vector<std::byte>> Image::readBytes(std::uint64_t offset, std::uint64_t length,
+                                                      std::string_view what) const {
+  if (length == 0 || length > kMaxPropertyListBytes || !liesWithin(offset, length, file_->size()))
+    return base::Error{"its trailer names bytes that it does not have"};
+  std::vector<std::byte> bytes(length);
+  if (!file_->read(offset, bytes)) return base::Error{std::string(what) + " cannot be read"};
+  return bytes;
 }
 
 base::Result<void> Image::checkTable(const BlockTable& table) const {

@@ -46,14 +46,14 @@ class DecryptedFile : public base::RandomAccess {
   std::uint64_t size_;
 };
 
-// Whether a file has the trailer of a UDIF image at its end.
+// Whether a file has the trailer of a UDIF image, at its end or, as some makers put it, at its beginning.
 base::Result<bool> hasTrailer(const base::RandomAccess& file);
 
 // A UDIF image that is open for reading. Any number of threads may read.
 class Image {
  public:
   // The (plain) file outlives the image. Takes what any maker stores: chunks in any order and with gaps,
-  // tables that overlap or leave sectors out, no checksums.
+  // tables that overlap or leave sectors out, no checksums, a property list in any form, a resource fork.
   static base::Result<Image> open(const base::RandomAccess& file);
 
   const Trailer& trailer() const { return trailer_; }
@@ -75,6 +75,10 @@ class Image {
  private:
   explicit Image(const base::RandomAccess& file) : file_(&file) {}
 
+  base::Result<void> readTrailer();
+  base::Result<std::vector<BlockTable>> readTables() const;
+  base::Result<std::vector<std::byte>> readBytes(std::uint64_t offset, std::uint64_t length,
+                                                 std::string_view what) const;
   base::Result<void> checkTable(const BlockTable& table) const;
 
   const base::RandomAccess* file_;

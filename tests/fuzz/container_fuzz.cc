@@ -11,7 +11,7 @@ using image::crypt::ContainerKeys;
 
 // Asked for so that rounds of key derivation, which nobody bounds but the maker of the image, cost nothing.
 void makeCheap(ContainerHeader& header) {
-  base::storeBigEndian(header.keyEntry.data() + 8, std::uint32_t{1});
+  for (auto& entry : header.keyEntries) base::storeBigEndian(entry.data() + 8, std::uint32_t{1});
 }
 
 void readEnds(const image::udif::DecryptedFile& file) {

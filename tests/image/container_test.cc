@@ -21,7 +21,7 @@ RandomBytes counted() {
 ContainerHeader headerFor(const ContainerKeys& keys, Method method, std::string_view password) {
   return {.method = method,
           .dataBytes = 5000,
-          .keyEntry = ContainerHeader::wrap(keys, base::Secret(password), 1000, counted())};
+          .keyEntries = {ContainerHeader::wrap(keys, base::Secret(password), 1000, counted())}};
 }
 
 std::vector<std::byte> encoded(const ContainerHeader& header) {
@@ -81,7 +81,7 @@ TEST(ContainerHeader, livesThroughAnyDamage) {
     for (int flips = 0; flips < 3; ++flips) damaged[random() % 220] = static_cast<std::byte>(random());
     damaged.resize(random() % 4 == 0 ? random() % 800 : 800);
     const auto header = ContainerHeader::decode(damaged);
-    EXPECT_TRUE(!header || header->keyEntry.size() >= 104);
+    EXPECT_TRUE(!header || header->keyEntries.at(0).size() >= 104);
   }
 }
 

@@ -135,13 +135,13 @@ TEST(OpenImage, takesNamesFromWhereTheyAre) {
   }
 }
 
-TEST(OpenImage, refusesAnImageWhoseTablesAreInItsResourceFork) {
+TEST(OpenImage, refusesADamagedResourceFork) {
   auto file = wholeDisk(RunType::zlib, bareVolume());
   const auto trailer = file.size() - udif::kTrailerBytes;
   base::storeBigEndian(&file[trailer + 48], std::uint64_t{1000});
   base::storeBigEndian(&file[trailer + 216], std::uint64_t{0});
   base::storeBigEndian(&file[trailer + 224], std::uint64_t{0});
-  EXPECT_THAT(refusal(file), HasSubstr("resource fork is not supported"));
+  EXPECT_THAT(refusal(file), HasSubstr("its resource fork is damaged"));
 }
 
 TEST(OpenImage, refusesAContainerOfVersionOne) {
@@ -209,16 +209,16 @@ Bytes encrypted(const Bytes& plain, const Encryption& encryption) {
       .blockBytes = encryption.blockBytes,
       .dataBytes = plain.size(),
       .dataOffset = encryption.dataOffset,
-      .keyEntry = crypt::ContainerHeader::wrap(keys, base::Secret("right"), 1000, counted())};
+      .keyEntries = {crypt::ContainerHeader::wrap(keys, base::Secret("right"), 1000, counted())}};
   auto file = header.encode(std::array<std::byte, 16>{});
   Bytes entries;
   base::ByteWriter out(entries);
   for (std::uint32_t i = 0; i < encryption.entriesBefore; ++i)
     out.put(std::uint32_t{2}).put(std::uint64_t{2000}).put(std::uint64_t{564});
-  out.put(std::uint32_t{1}).put(std::uint64_t{3000}).put(std::uint64_t{header.keyEntry.size()});
+  out.put(std::uint32_t{1}).put(std::uint64_t{3000}).put(std::uint64_t{header.keyEntries[0].size()});
   base::storeBigEndian(&file[72], encryption.entriesBefore + 1);
   std::ranges::copy(entries, file.begin() + 76);
-  std::ranges::copy(header.keyEntry, file.begin() + 3000);
+  std::ranges::copy(header.keyEntries[0], file.begin() + 3000);
   auto blocks = plain;
   blocks.resize((plain.size() + encryption.blockBytes - 1) / encryption.blockBytes * encryption.blockBytes);
   keys.encrypt(0, encryption.blockBytes, blocks);

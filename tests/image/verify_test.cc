@@ -120,7 +120,8 @@ class VerifyVolume : public VerifyImage {
     }
   }
   base::Result<hfs::VolumeCounts> checkNow() const {
-    return hfs::checkVolume(base::SpanRandomAccess(volume));
+    const base::SpanRandomAccess bytes(volume);
+    return hfs::checkVolume(block::FileDisk(bytes));
   }
   void expectFault(const std::string& text) const {
     const auto counts = checkNow();
@@ -185,7 +186,8 @@ TEST_F(VerifyVolume, neverReadsOutsideAVolumeWithDamage) {
     auto damaged = volume;
     for (int flips = 0; flips < 3; ++flips)
       damaged[1024 + random() % (metadata - 1024)] = static_cast<std::byte>(random());
-    if (!hfs::checkVolume(base::SpanRandomAccess(damaged))) ++noticed;
+    const base::SpanRandomAccess bytes(damaged);
+    if (!hfs::checkVolume(block::FileDisk(bytes))) ++noticed;
   }
   EXPECT_GT(noticed, 100);
 }

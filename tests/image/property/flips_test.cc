@@ -129,7 +129,7 @@ TEST_F(Flips, anywhereInAnImageAreNoticedOrMeanNothing) {
 constexpr Range kIdleInHeader[]{
     {12, 20},        // size of the IVs, mode
     {28, 52},        // how the IVs are made; random identifier
-    {72, 76},        // number of keys, of which the first is taken
+    {72, 76},        // number of keys: what follows the one is none
     {95, 96},        // size of the key's entry, behind what is used of it
     {100, 104},      // hash of the key derivation
     {132, 144},      // room of the salt
@@ -140,12 +140,14 @@ constexpr Range kIdleInHeader[]{
 };
 // One bit of it asks for sixteen million rounds more, which only take time.
 constexpr std::size_t kMostSignificantOfRounds = 104;
+// As much of the header as is tried; zeros follow.
+constexpr std::size_t kHeadBytes = 4096;
 
 class EncryptedFlips : public Flips {
  protected:
   EncryptedFlips() {
     header.dataBytes = plain.size();
-    header.keyEntry = crypt::ContainerHeader::wrap(keys, password, 1000, random);
+    header.keyEntries = {crypt::ContainerHeader::wrap(keys, password, 1000, random)};
     std::vector<std::byte> blocks = plain;
     blocks.resize((blocks.size() + header.blockBytes - 1) / header.blockBytes * header.blockBytes);
     keys.encrypt(0, header.blockBytes, blocks);
@@ -155,11 +157,11 @@ class EncryptedFlips : public Flips {
   bool saysTheSame(const crypt::ContainerHeader& found) const {
     return found.method == header.method && found.blockBytes == header.blockBytes &&
            found.dataBytes == header.dataBytes && found.dataOffset == header.dataOffset &&
-           found.keyEntry == header.keyEntry;
+           found.keyEntries == header.keyEntries;
   }
   // With a byte changed; what says the same as the whole header opens the same image.
   base::Result<std::unique_ptr<OpenedImage>> openWithPassword(std::size_t at) const {
-    std::vector<std::byte> head(file.begin(), file.begin() + crypt::ContainerHeader::kHeadBytes);
+    std::vector<std::byte> head(file.begin(), file.begin() + kHeadBytes);
     if (at < head.size()) head[at] ^= changeAt(at);
     auto found = crypt::ContainerHeader::decode(head);
     if (!found) return found.error();
@@ -195,7 +197,7 @@ TEST_F(EncryptedFlips, anywhereInTheHeaderAreNoticedOrMeanNothing) {
   ASSERT_TRUE(isSound(
       OpenedImage::withKeys(std::make_unique<base::SpanRandomAccess>(file), header, keys.duplicate())));
   std::size_t noticed = 0;
-  for (std::size_t at = 0; at < crypt::ContainerHeader::kHeadBytes; ++at) {
+  for (std::size_t at = 0; at < kHeadBytes; ++at) {
     if (at == kMostSignificantOfRounds) continue;
     const auto opened = openWithPassword(at);
     const bool sound = opened && ((*opened)->container() == std::nullopt || isSound(opened));
