@@ -2,6 +2,7 @@
 
 #include <array>
 #include <ostream>
+#include <string>
 
 #include "tools/hdiutil_verbs.h"
 
@@ -18,10 +19,20 @@ constexpr std::array kVerbs{Verb{"create", create}, Verb{"verify", verify},   Ve
                             Verb{"mount", mount},   Verb{"attach", attach},   Verb{"unmount", unmount},
                             Verb{"detach", unmount}};
 
+// Callers take what follows the first "<string>" for all that the tool says: a name with that in it must not
+// be able to hide a failure.
+std::string withoutStringElements(std::string_view reason) {
+  constexpr std::string_view kElement = "<string>";
+  std::string text(reason);
+  for (auto at = text.find(kElement); at != text.npos; at = text.find(kElement, at))
+    text.replace(at, 1, "&lt;");
+  return text;
+}
+
 }  // namespace
 
 int fail(const HdiutilHost& host, std::string_view verb, std::string_view reason, int status) {
-  host.error << "hdiutil: " << verb << " failed - " << reason << "\n";
+  host.error << "hdiutil: " << verb << " failed - " << withoutStringElements(reason) << "\n";
   return status;
 }
 

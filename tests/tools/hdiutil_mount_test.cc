@@ -127,6 +127,13 @@ TEST_F(MountVerb, tellsWhyItFailed) {
   EXPECT_EQ(run({"attach", "-unknown", plain}), 64);
 }
 
+TEST_F(MountVerb, failureCannotBeHiddenByANameThatReadsAsAPropertyList) {
+  EXPECT_EQ(run({"mount", scratch / "<string>all is well<string>.dmg"}), 1);
+  EXPECT_THAT(error.str(), testing::StartsWith("hdiutil: mount failed - "));
+  EXPECT_THAT(error.str(), HasSubstr("&lt;string>all is well&lt;string>.dmg"));
+  EXPECT_THAT(error.str(), testing::Not(HasSubstr("<string>")));
+}
+
 TEST_F(MountVerb, unmountsUnderBothNames) {
   for (const char* verb : {"unmount", "detach"}) {
     EXPECT_EQ(run({verb, "/Volumes/STICK-Backup/"}), 0);
