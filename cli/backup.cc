@@ -9,12 +9,14 @@
 #include "cli/image_tool.h"
 #include "cli/text.h"
 #include "cli/volume_contents.h"
+#include "devices/keychain.h"
 #include "store/file_size.h"
 
 namespace cli {
 namespace {
 
 constexpr std::string_view kEncryptionKey = "ZQStashwickBackupEncryption";
+constexpr const char* kKeychainService = "Stashwick 3";
 constexpr const char* kDefaultEncryption = "AES-256";
 constexpr const char* kMainApplication = "Stashwick";
 
@@ -116,6 +118,34 @@ Expected<Backup> makeBackup(Session& session, const std::string& volume,
       Problem{Exit::failed, "the disk image tool ended without an image and without saying why"});
 }
 
+// Whether the agent would make the backup that is wanted. Its password is the keychain's; and where its last
+// backup failed, it tells of that on its desktop instead of making another.
+bool canLeaveToAgent(Session& session, Agent& agent, const BackUpRequest& request) {
+  if (request.encrypts || request.erasesAfter || session.isPasswordGiven()) return false;
+  const auto& host = session.host();
+  const bool hasPassword =
+      !host.defaults.stringForKey(kEncryptionKey) ||
+      KXKeychain::passwordForService(host.keychain, kKeychainService, host.user.fullUserName());
+  return hasPassword && agent.lastFailure().empty();
+}
+
+bool isWorkingOn(Agent& agent, const std::string& volume) {
+  const auto current = agent.currentVolume();
+  return current && *current == volume;
+}
+
+Expected<Backup> leaveToAgent(Session& session, Agent& agent, const std::string& volume) {
+  if (!waitForNewName(session, volume)) return Session::interrupted();
+  const StoreBefore before(session, volume);
+  if (const auto begun = agent.begin(volume); !begun) return Problem{Exit::busy, begun.error().message};
+  if (!session.serveUntil("The agent backs up \"" + volume + "\"", [&] { return agent.isOver(); }))
+    return Problem{Exit::interrupted, "it was interrupted; the agent goes on with the backup"};
+  if (const auto backup = before.newBackup()) return *backup;
+  const auto failure = agent.lastFailure();
+  return problemIn(failure).value_or(
+      Problem{Exit::failed, failure.empty() ? "the agent made no backup and does not say why" : failure});
+}
+
 // Only what the image holds may go: what was changed or came since it was made would be lost.
 std::optional<Problem> compareBeforeErasing(Session& session, const Backup& backup,
                                             const std::string& volume) {
@@ -145,6 +175,18 @@ Outcome eraseVolume(Session& session, const Backup& backup, const std::string& v
   return Exit::done;
 }
 
+Expected<Backup> verified(Session& session, Expected<Backup> backup) {
+  if (!backup) return backup;
+  if (auto problem = ImageTool(session).verify(*backup)) {
+    problem->text = backup->name() + " was made and does not verify: " + problem->text;
+    return *problem;
+  }
+  session.say(backup->instance->device() + ": backed up to " + backup->name() + ", " +
+              FileSize::stringFromFileSize(session.host().files.fileSize(backup->path()).value_or(0)) +
+              ", verified\n" + backup->path());
+  return backup;
+}
+
 }  // namespace
 
 Outcome backUp(Session& session, const BackUpRequest& request) {
@@ -158,21 +200,20 @@ Outcome backUp(Session& session, const BackUpRequest& request) {
     return Problem{Exit::usage, "\"" + volume + "\" holds the backups themselves"};
   if (isMainApplicationRunning(session))
     return Problem{Exit::busy, "the application Stashwick is running, which makes backups itself"};
+  auto* agent = session.around().volumes.agentOf(**device);
+  if (agent && isWorkingOn(*agent, volume))
+    return Problem{Exit::busy, "the agent is backing up \"" + volume + "\""};
+  if (agent && canLeaveToAgent(session, *agent, request)) {
+    const auto backup = verified(session, leaveToAgent(session, *agent, volume));
+    return backup ? Outcome(Exit::done) : backup.problem();
+  }
   const auto encryption = encryptionFor(session, request.encrypts);
   if (!encryption) return encryption.problem();
   const auto held = session.hold(volume);
   if (!held) return held.problem();
   const Claim claim(*device);
-
-  const auto backup = makeBackup(session, volume, *encryption);
+  const auto backup = verified(session, makeBackup(session, volume, *encryption));
   if (!backup) return backup.problem();
-  if (auto problem = ImageTool(session).verify(*backup)) {
-    problem->text = backup->name() + " was made and does not verify: " + problem->text;
-    return *problem;
-  }
-  session.say(volume + ": backed up to " + backup->name() + ", " +
-              FileSize::stringFromFileSize(session.host().files.fileSize(backup->path()).value_or(0)) +
-              ", verified\n" + backup->path());
   return request.erasesAfter ? eraseVolume(session, *backup, volume) : Outcome(Exit::done);
 }
 

@@ -123,8 +123,9 @@ Outcome listVolumes(Session& session) {
   for (const auto& device : session.around().volumes.attached()) {
     const auto backups = session.backups().of(device->name());
     const auto size = static_cast<std::uint64_t>(std::max(device->size(), 0.0F));
+    const auto place = session.around().volumes.place(*device);
     PropertyList::Dictionary entry{{"name", device->name()},
-                                   {"place", session.around().volumes.place(*device)},
+                                   {"place", place},
                                    {"size", static_cast<std::int64_t>(size)},
                                    {"backups", static_cast<std::int64_t>(backups.size())}};
     if (device->UDID()) entry.emplace("udid", *device->UDID());
@@ -132,7 +133,7 @@ Outcome listVolumes(Session& session) {
     described.emplace_back(std::move(entry));
     rows.push_back({device->name(), sizeText(size), std::to_string(backups.size()),
                     backups.empty() ? "never" : localDateText(backups.back().instance->backupDate()),
-                    session.around().volumes.place(*device)});
+                    place.empty() ? "not mounted" : place});
   }
   if (session.options().json) {
     session.print(jsonText(described));

@@ -129,6 +129,13 @@ Expected<std::string> Session::run(const std::string& activity, const ports::Too
 }
 
 Expected<Device> Session::volume(const std::string& nameOrFolder) {
+  auto device = attachedVolume(nameOrFolder);
+  if (device && !(*device)->mounted())
+    return Problem{Exit::notFound, "\"" + (*device)->name() + "\" is not mounted"};
+  return device;
+}
+
+Expected<Device> Session::attachedVolume(const std::string& nameOrFolder) {
   if (nameOrFolder.find('/') != nameOrFolder.npos || nameOrFolder == "." || nameOrFolder == "..") {
     auto attached = around_.volumes.attach(nameOrFolder);
     if (!attached) return Problem{Exit::notFound, attached.error().message};
@@ -153,7 +160,7 @@ Expected<std::unique_ptr<StoreFolders::Hold>> Session::hold(const std::string& v
 }
 
 Expected<Session::Password> Session::givenPassword() {
-  if (password_ || (!options_.passwordFromInput && !options_.passwordFile)) return password_;
+  if (password_ || !isPasswordGiven()) return password_;
   auto read = options_.passwordFile ? around_.terminal.readPasswordFile(*options_.passwordFile)
                                     : around_.terminal.readPassword();
   if (!read) return Problem{Exit::authentication, read.error().message};
@@ -176,7 +183,7 @@ Expected<Session::Password> Session::newPassword() {
 }
 
 Expected<Session::Password> Session::otherPassword() {
-  if (options_.passwordFromInput || options_.passwordFile || !around_.terminal.isAttended())
+  if (isPasswordGiven() || !around_.terminal.isAttended())
     return Problem{Exit::authentication, "Authentication error: the password is not the backup's"};
   return askPassword(false);
 }

@@ -57,11 +57,14 @@ class Session {
   // Serves the main queue until the condition holds.
   bool serveUntil(const std::string& activity, const std::function<bool()>& done);
 
-  // An attached volume by its name, or a folder by its path ("./STICK", "/media/pat/STICK").
+  // An attached volume by its name, or a folder by its path ("./STICK", "/media/pat/STICK"), mounted or not.
+  Expected<Device> attachedVolume(const std::string& nameOrFolder);
+  // The same, mounted.
   Expected<Device> volume(const std::string& nameOrFolder);
   // Keeps other programs off the volume's backups. Makes the volume's folder of the store.
   Expected<std::unique_ptr<StoreFolders::Hold>> hold(const std::string& volume);
 
+  bool isPasswordGiven() const { return options_.passwordFromInput || options_.passwordFile; }
   // The password that was given, or the keychain's, or one that is asked for; the same for all of the
   // command. `twice` has a password that is typed typed again.
   Expected<Password> password(bool twice = false);

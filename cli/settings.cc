@@ -76,8 +76,7 @@ std::optional<std::int32_t> flagOf(const std::string& answer) {
 }  // namespace
 
 Outcome setPassword(Session& session) {
-  const auto& options = session.options();
-  if (!options.passwordFromInput && !options.passwordFile && !session.around().terminal.isAttended())
+  if (!session.isPasswordGiven() && !session.around().terminal.isAttended())
     return Problem{Exit::usage, "there is nobody to ask for the password (see --password-stdin)"};
   const auto password = session.newPassword();
   if (!password) return password.problem();
@@ -153,7 +152,7 @@ std::vector<std::string> settingNames() {
 }
 
 Outcome automaticBackup(Session& session, const std::string& name, const std::optional<std::string>& answer) {
-  const auto device = session.volume(name);
+  const auto device = session.attachedVolume(name);
   if (!device) return device.problem();
   if (!(*device)->UDID())
     return Problem{Exit::failed, "\"" + (*device)->name() + "\" has no identity that could be remembered"};

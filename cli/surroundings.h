@@ -15,6 +15,20 @@ namespace cli {
 
 using Device = std::shared_ptr<ZQRemovableDevice>;
 
+// The agent that runs in this session. Main thread.
+class Agent {
+ public:
+  virtual ~Agent() = default;
+  // The volume that it makes a backup of, else empty.
+  virtual base::Result<std::string> currentVolume() = 0;
+  // Has it make a backup. Returns once that has begun.
+  virtual base::Result<void> begin(const std::string& volume) = 0;
+  // Whether what began is over. The main queue wakes up for each change.
+  virtual bool isOver() = 0;
+  // Why it did not make the last backup that it tried to make; empty when it did, or does not know.
+  virtual std::string lastFailure() = 0;
+};
+
 // The volumes that are attached while the command runs. Main thread.
 class Volumes {
  public:
@@ -24,12 +38,14 @@ class Volumes {
   virtual std::vector<Device> attached() = 0;
   // Makes a folder, wherever it lies, a volume of its own name.
   virtual base::Result<Device> attach(const std::string& folder) = 0;
-  // Where the volume's files are, as the user knows it.
+  // Where the volume's files are, as the user knows it; empty while it is not mounted.
   virtual std::string place(const ZQRemovableDevice& volume) = 0;
   // Whether what is at the path lies on the volume.
   virtual bool holds(const ZQRemovableDevice& volume, const std::string& path) = 0;
   // From now on /Volumes/NAME is that volume, for this process.
   virtual void standIn(const std::string& name, const ZQRemovableDevice& volume) = 0;
+  // The agent, where one runs and lists this volume under this name; else null.
+  virtual Agent* agentOf(const ZQRemovableDevice& volume) = 0;
 };
 
 // Whoever typed the command. Main thread.

@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QLocale>
+#include <QTimer>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "app/agent_app_delegate.h"
 #include "base/format.h"
 #include "main/locked_tool_runs.h"
+#include "main/observed_tool_runs.h"
 #include "main/watched_tool_runs.h"
 #include "platform/linux/agent_bus.h"
 #include "platform/linux/bus_greeting.h"
@@ -59,14 +61,17 @@ bool leaveMuteSessionBus() {
 // What is seen of the agent from outside.
 class Presence {
  public:
-  Presence(ZQAgentAppDelegate& agent, freedesktop::QtDesktop& desktop, posix::PosixFiles& files)
-      : agent_(agent), desktop_(desktop), files_(files) {}
+  Presence(ZQAgentAppDelegate& agent, freedesktop::QtDesktop& desktop, posix::PosixFiles& files,
+           const posix::PathMap& paths, const ObservedToolRuns& tools)
+      : agent_(agent), desktop_(desktop), files_(files), paths_(paths), tools_(tools) {}
 
   freedesktop::AgentAnswers answers() {
     return {.volumes = [this] { return volumes(); },
             .backups = [this](const std::string& volume) { return backups(volume); },
             .backUp = [this](const std::string& volume) { return backUp(volume); },
             .current = [this] { return current(); },
+            .isBusy = [this] { return isBusy(); },
+            .lastFailure = [this] { return tools_.lastFailure().value_or(""); },
             .activate = [this] { desktop_.showMenuWindow(); },
             .quit = [] { QApplication::quit(); }};
   }
@@ -78,8 +83,12 @@ class Presence {
       volumes.push_back({.name = device->name(),
                          .identifier = device->UDID().value_or(""),
                          .bytes = static_cast<std::uint64_t>(device->size()),
-                         .isMounted = files_.fileExists("/Volumes/" + device->name())});
+                         .place = placeOf("/Volumes/" + device->name())});
     return volumes;
+  }
+
+  std::string placeOf(const std::string& volume) const {
+    return files_.fileExists(volume) ? paths_.hostPath(volume) : "";
   }
 
   std::vector<freedesktop::AgentAnswers::Backup> backups(const std::string& volume) const {
@@ -94,11 +103,19 @@ class Presence {
     return backups;
   }
 
-  std::optional<std::string> backUp(const std::string& volume) const {
-    if (agent_.stashwick()->hasOperations()) return "A backup is under way.";
+  bool isBusy() const { return isStarting_ || agent_.stashwick()->hasOperations(); }
+
+  std::optional<std::string> backUp(const std::string& volume) {
+    if (isBusy()) return "A backup is under way.";
+    if (!agent_.canRunInBackground()) return "Stashwick is running, which makes backups itself.";
     for (const auto& device : agent_.devices()) {
       if (device->name() != volume) continue;
-      agent_._backupDevice(device);
+      isStarting_ = true;
+      // Once this is answered: a failure may be told by an alert, which lasts until somebody closes it.
+      QTimer::singleShot(0, [this, device] {
+        isStarting_ = false;
+        agent_._backupDevice(device);
+      });
       return std::nullopt;
     }
     return "There is no volume \"" + volume + "\".";
@@ -111,6 +128,9 @@ class Presence {
   ZQAgentAppDelegate& agent_;
   freedesktop::QtDesktop& desktop_;
   posix::PosixFiles& files_;
+  const posix::PathMap& paths_;
+  const ObservedToolRuns& tools_;
+  bool isStarting_ = false;
 };
 
 }  // namespace
@@ -142,6 +162,7 @@ int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
   posix::PosixToolRuns hostTools(paths, log);
   hostTools.setBackground(true);
   LockedToolRuns lockedTools(hostTools, paths);
+  ObservedToolRuns observedTools(lockedTools);
   posix::FileUserDefaults defaults(log);
   posix::DirectoryBundle bundle(posix::DirectoryBundle::defaultFolder(), dates.preferredLanguages(), log);
   posix::PosixUserSession user;
@@ -151,7 +172,7 @@ int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
                                  [] { QApplication::quit(); });
   freedesktop::Inhibitor inhibitor;
   std::optional<freedesktop::AgentBus> bus;
-  WatchedToolRuns tools(lockedTools, [&](const std::optional<std::string>& volume) {
+  WatchedToolRuns tools(observedTools, [&](const std::optional<std::string>& volume) {
     // Not by the queue: a question that nobody answers would hold that up, and so the machine awake.
     volume
         ? inhibitor.begin(base::stringWithFormat(bundle.localizedString("Backing up \"%@\" ..."), {*volume}))
@@ -167,17 +188,23 @@ int runDesktopAgent(int& argc, char** argv, const std::string& toolsFolder) {
 
   ZQAgentAppDelegate::initialize(host);
   auto agent = ZQAgentAppDelegate::init(host);
-  Presence presence(*agent, desktop, files);
+  Presence presence(*agent, desktop, files, paths, observedTools);
   if (bus.emplace(presence.answers()).take() == freedesktop::AgentBus::Place::taken) return 0;
   // There is no main application here that would make it.
   posix::makeFolders(files.applicationSupportDirectory() + kSupportFolder);
+  // Before the agent's own observers, which may ask a question: what is asked on the bus is served in those.
+  for (const auto changed :
+       {ZQRemovableDeviceCenterDeviceMountedNotification, ZQRemovableDeviceCenterDeviceUnmountedNotification})
+    notifications.addObserver(changed, {}, [&bus](const base::Notification&) { bus->tellStateChanged(); });
   agent->applicationDidFinishLaunching();
+  agent->stashwick()->operationQueue()->addObserver(&bus, [&bus] { bus->tellStateChanged(); });
   const int status = QApplication::exec();
 
   desktop.close();
   files.stop();
   hostTools.terminateAll(kToolsPatience);
   queue.close();
+  agent->stashwick()->operationQueue()->removeObserver(&bus);
   agent->applicationWillTerminate();
   return status;
 }

@@ -2,9 +2,11 @@
 
 std::string ObservedToolRuns::run(const ports::ToolRun& run) {
   std::string output = tools_.run(run);
-  if (const auto word = output.rfind("failed"); word != output.npos) {
+  const auto word = output.rfind("failed");
+  const base::MutexLock lock(mutex_);
+  lastFailure_.reset();
+  if (word != output.npos) {
     const auto begin = output.rfind('\n', word) + 1;
-    const base::MutexLock lock(mutex_);
     lastFailure_ = output.substr(begin, output.find('\n', word) - begin);
   }
   return output;

@@ -14,7 +14,7 @@ class ObservedToolRuns : public ports::ToolRuns {
   std::unique_ptr<ports::InputPipe> makePipe() override { return tools_.makePipe(); }
   std::string run(const ports::ToolRun& run) override;
 
-  // The last line that says that something failed; nullopt when no run has said so.
+  // The line by which the last run that has ended says that it failed; nullopt when it did not.
   std::optional<std::string> lastFailure() const;
 
  private:

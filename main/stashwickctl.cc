@@ -9,7 +9,7 @@
 #include "app/agent_app_delegate.h"
 #include "cli/command_line.h"
 #include "main/asking_terminal.h"
-#include "main/attached_folders.h"
+#include "main/attached_volumes.h"
 #include "main/password_file.h"
 #include "platform/embedded/terminal_desktop.h"
 #include "platform/linux/secret_service_keychain.h"
@@ -109,6 +109,7 @@ int runCommand(const std::vector<std::string>& arguments) {
   posix::PosixToolRuns tools(paths, log);
   posix::PosixToolRuns lastTools(paths, log);
   tools.followProgress();
+  tools.dropOutput();
   loop.handleSignals(kQuitSignals, [&](int) {
     isInterrupted = true;
     walkedFiles.stop();
@@ -128,7 +129,7 @@ int runCommand(const std::vector<std::string>& arguments) {
                          defaults, bundle,   dates,   user,  log,  notifications};
 
   AskingTerminal terminal(loop);
-  AttachedFolders volumes(host, loop, paths, diskPaths, disks);
+  AttachedVolumes volumes(host, loop, paths, diskPaths, disks);
   LockedFolders folders;
   AgentList automatic(host);
   const auto exit =

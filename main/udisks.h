@@ -1,12 +1,10 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "base/result.h"
 #include "image/os/file_descriptor.h"
-
-struct sd_bus;
+#include "platform/linux/message_bus.h"
 
 // The disk service of the system bus, for callers who may not touch a disk themselves; its policy decides
 // what they may. Where that asks for a password, the desktop's own dialogue asks the person. Calls wait for
@@ -25,12 +23,9 @@ class UDisks {
   base::Result<std::string> formatFAT(const std::string& device, const std::string& label);
 
  private:
-  struct Close {
-    void operator()(sd_bus* bus) const;
-  };
-  explicit UDisks(std::unique_ptr<sd_bus, Close> bus) : bus_(std::move(bus)) {}
+  explicit UDisks(platform::freedesktop::MessageBus bus) : bus_(std::move(bus)) {}
 
   base::Result<std::string> objectOf(const std::string& device);
 
-  std::unique_ptr<sd_bus, Close> bus_;
+  platform::freedesktop::MessageBus bus_;
 };

@@ -72,34 +72,15 @@ ports::Dissenter dissenterFromErrno(int number) {
 
 }  // namespace
 
-class EmbeddedDisks::Volume : public ports::Disk {
+class EmbeddedDisks::Volume : public posix::FolderDisk {
  public:
-  Volume(Place volumePlace, FolderIdentity folderIdentity, ports::DiskDescription volumeDescription)
-      : place(std::move(volumePlace)), identity(folderIdentity), description(std::move(volumeDescription)) {}
-
-  void claim() {
-    const base::MutexLock lock(mutex_);
-    if (departed_ || claim_) return;
-    claim_ = posix::FileDescriptor(::open(place.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  }
-  void unclaim() {
-    const base::MutexLock lock(mutex_);
-    claim_.reset();
-  }
-  void depart() {
-    const base::MutexLock lock(mutex_);
-    departed_ = true;
-    claim_.reset();
-  }
+  Volume(Place volumePlace, FolderIdentity folderIdentity, ports::DiskDescription described)
+      : FolderDisk(std::move(described), volumePlace.path),
+        place(std::move(volumePlace)),
+        identity(folderIdentity) {}
 
   const Place place;
   const FolderIdentity identity;
-  const ports::DiskDescription description;
-
- private:
-  base::Mutex mutex_;
-  bool departed_ GUARDED_BY(mutex_) = false;
-  posix::FileDescriptor claim_ GUARDED_BY(mutex_);
 };
 
 // A folder that is taken as a volume. There is no disk while it is being measured.
@@ -116,23 +97,9 @@ struct EmbeddedDisks::Present {
   Arrival arrival{};
 };
 
-struct EmbeddedDisks::SessionState {
-  ports::DiskSessionCallbacks callbacks;
-  std::vector<DiskRef> told;
-  bool alive = true;
-};
-
-class EmbeddedDisks::Session : public ports::DiskSession {
- public:
-  explicit Session(std::shared_ptr<SessionState> state) : state_(std::move(state)) {}
-  ~Session() override { state_->alive = false; }
-
- private:
-  std::shared_ptr<SessionState> state_;
-};
-
 EmbeddedDisks::EmbeddedDisks(const Surroundings& surroundings)
-    : around_(surroundings),
+    : FolderDisks(surroundings.loop, [this] { return announced(); }),
+      around_(surroundings),
       self_(std::make_shared<EmbeddedDisks*>(this)),
       inotify_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
       mountTable_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
@@ -403,7 +370,7 @@ void EmbeddedDisks::depart(const PresentRef& present) {
     const base::MutexLock lock(plainMutex_);
     plainFolders_.erase(present->name);
   }
-  if (present->disk) static_cast<Volume&>(*present->disk).depart();
+  if (present->disk) static_cast<Volume&>(*present->disk).setFolder("");
   if (present->arrival) later([arrival = std::exchange(present->arrival, {})] { arrival(false); });
   tellSessions();
 }
@@ -451,29 +418,17 @@ bool EmbeddedDisks::isPlainFolder(std::string_view logicalPath) const {
 
 // --- sessions ---
 
-std::unique_ptr<ports::DiskSession> EmbeddedDisks::createSession(ports::DiskSessionCallbacks callbacks) {
-  const auto session = std::make_shared<SessionState>();
-  session->callbacks = std::move(callbacks);
-  sessions_.push_back(session);
-  later([this, session] { catchUp(session); });
-  return std::make_unique<Session>(session);
-}
-
-std::vector<std::shared_ptr<EmbeddedDisks::SessionState>> EmbeddedDisks::liveSessions() {
-  std::erase_if(sessions_, [](const auto& weak) {
-    const auto session = weak.lock();
-    return !session || !session->alive;
-  });
-  std::vector<std::shared_ptr<SessionState>> live;
-  for (const auto& session : sessions_) live.push_back(session.lock());
-  return live;
+std::vector<DiskRef> EmbeddedDisks::announced() const {
+  std::vector<DiskRef> disks;
+  for (const auto& present : present_) {
+    if (present->disk) disks.push_back(present->disk);
+  }
+  return disks;
 }
 
 void EmbeddedDisks::tellSessions() {
-  if (std::exchange(tellingSessions_, true)) return;
+  sessions_.tell();
   later([this] {
-    tellingSessions_ = false;
-    for (const auto& session : liveSessions()) catchUp(session);
     for (const auto& present : std::vector(present_)) {
       if (!present->disk) continue;
       if (const auto arrival = std::exchange(present->arrival, {})) arrival(true);
@@ -481,36 +436,7 @@ void EmbeddedDisks::tellSessions() {
   });
 }
 
-// Compares what the session was told with what is there: repeats and late calls do no harm.
-void EmbeddedDisks::catchUp(const std::shared_ptr<SessionState>& session) {
-  const auto tell = [&session](const std::function<void(const DiskRef&)>& callback, const DiskRef& disk) {
-    if (session->alive && callback) callback(disk);
-  };
-  for (const auto& disk : std::vector(session->told)) {
-    if (presentOf(disk)) continue;
-    std::erase(session->told, disk);
-    tell(session->callbacks.disappeared, disk);
-  }
-  for (const auto& present : std::vector(present_)) {
-    if (!present->disk || std::ranges::find(session->told, present->disk) != session->told.end()) continue;
-    session->told.push_back(present->disk);
-    tell(session->callbacks.appeared, present->disk);
-  }
-}
-
 // --- what clients ask for ---
-
-ports::DiskDescription EmbeddedDisks::copyDescription(const DiskRef& disk) {
-  return disk ? static_cast<const Volume&>(*disk).description : ports::DiskDescription{};
-}
-
-void EmbeddedDisks::claim(const DiskRef& disk) {
-  if (disk) static_cast<Volume&>(*disk).claim();
-}
-
-void EmbeddedDisks::unclaim(const DiskRef& disk) {
-  if (disk) static_cast<Volume&>(*disk).unclaim();
-}
 
 void EmbeddedDisks::mount(const DiskRef& disk, ports::DiskCompletion done) {
   later([this, disk, done = std::move(done)] { done(mountNow(disk)); });
@@ -539,10 +465,7 @@ std::optional<ports::Dissenter> EmbeddedDisks::mountNow(const DiskRef& disk) {
 
 std::optional<ports::Dissenter> EmbeddedDisks::unmountNow(const DiskRef& disk) {
   if (!presentOf(disk)) return ports::Dissenter{ports::kDAReturnNotMounted, "it is not mounted"};
-  for (const auto& session : liveSessions()) {
-    if (!session->alive || !session->callbacks.approveUnmount) continue;
-    if (auto dissenter = session->callbacks.approveUnmount(disk)) return dissenter;
-  }
+  if (auto dissenter = sessions_.askForUnmount(disk)) return dissenter;
   const auto present = presentOf(disk);
   if (!present) return std::nullopt;
   const Place place = present->place;
@@ -573,14 +496,6 @@ void EmbeddedDisks::rename(const DiskRef& disk, const std::string& name) {
     if (place.path == from) place = {to, name, true};
   }
   rescan();
-}
-
-DiskRef EmbeddedDisks::diskFromVolumePath(const base::FileURL& volume) {
-  if (!std::string_view(volume.path).starts_with(kVolumes)) return nullptr;
-  const auto name = std::string_view(volume.path).substr(kVolumes.size());
-  const auto found = std::ranges::find_if(
-      present_, [&](const auto& present) { return !name.empty() && present->name == name; });
-  return found == present_.end() ? nullptr : (*found)->disk;
 }
 
 }  // namespace platform::embedded

@@ -16,6 +16,7 @@
 #include "base/result.h"
 #include "platform/embedded/volume_folder.h"
 #include "platform/posix/file_descriptor.h"
+#include "platform/posix/folder_disks.h"
 #include "platform/posix/main_loop.h"
 #include "platform/posix/path_map.h"
 #include "ports/archives.h"
@@ -42,7 +43,7 @@ namespace platform::embedded {
 //
 // A volume that arrives while this watches is stamped with the upper end of its 64-second step, one that was
 // there at the start with the lower end, so that dates of that grain still tell the two apart.
-class EmbeddedDisks : public ports::DiskArbitration {
+class EmbeddedDisks : public posix::FolderDisks {
  public:
   // Called on the main queue: true once every session was told of the arrival, false when the folder was gone
   // before.
@@ -72,26 +73,18 @@ class EmbeddedDisks : public ports::DiskArbitration {
   // first.
   base::Result<void> attach(const std::string& folder, Arrival arrival = {});
 
-  std::unique_ptr<ports::DiskSession> createSession(ports::DiskSessionCallbacks callbacks) override;
-  ports::DiskDescription copyDescription(const ports::DiskRef& disk) override;
-  // An open descriptor on the folder keeps the kernel from unmounting it.
-  void claim(const ports::DiskRef& disk) override;
-  void unclaim(const ports::DiskRef& disk) override;
   // A plain folder that was unmounted or ejected is no volume until it is mounted or attached again, or
   // leaves the volumes folder and comes back.
   void mount(const ports::DiskRef& disk, ports::DiskCompletion done) override;
   void unmount(const ports::DiskRef& disk, ports::DiskCompletion done) override;
   void eject(const ports::DiskRef& disk, ports::DiskCompletion done) override;
   void rename(const ports::DiskRef& disk, const std::string& name) override;
-  ports::DiskRef diskFromVolumePath(const base::FileURL& volume) override;
 
   // Whether a volume stands at the logical path whose size is that of its files. Any thread.
   bool isPlainFolder(std::string_view logicalPath) const;
 
  private:
   class Volume;
-  class Session;
-  struct SessionState;
   struct Place {
     std::string path;  // real, absolute
     std::string name;
@@ -125,8 +118,7 @@ class EmbeddedDisks : public ports::DiskArbitration {
   base::PropertyList stampNow() const;
 
   void tellSessions();
-  void catchUp(const std::shared_ptr<SessionState>& session);
-  std::vector<std::shared_ptr<SessionState>> liveSessions();
+  std::vector<ports::DiskRef> announced() const;
   std::optional<ports::Dissenter> mountNow(const ports::DiskRef& disk);
   std::optional<ports::Dissenter> unmountNow(const ports::DiskRef& disk);
 
@@ -147,8 +139,6 @@ class EmbeddedDisks : public ports::DiskArbitration {
   // Folders that are no volumes although they are where volumes are: bare mount points, what was ejected,
   // what has an impossible name.
   std::map<std::string, FolderIdentity> hidden_;
-  std::vector<std::weak_ptr<SessionState>> sessions_;
-  bool tellingSessions_ = false;
 
   mutable base::Mutex plainMutex_;
   std::set<std::string, std::less<>> plainFolders_ GUARDED_BY(plainMutex_);  // by volume name

@@ -24,9 +24,9 @@ std::optional<FolderIdentity> identifyFolder(const std::string& path);
 
 // The description of a folder as the one slice of an external USB stick, without its name, BSD name and
 // appearance time. A mount point is as large as its file system, a plain folder as large as the files below
-// it, which takes a walk; the walk ends early once `stop` is true. Its UUID is made (version 5) from the file
-// system's own identity and the folder's inode and birth time, so it survives renames. nullopt when the
-// folder is gone. Any thread.
+// it, which takes a walk; the walk ends early once `stop` is true. The UUID of a mounted medium is the one
+// that it has wherever it is plugged in; any other folder's is made (version 5) from the file system and the
+// folder's inode and birth time, so it survives renames. nullopt when the folder is gone. Any thread.
 std::optional<ports::DiskDescription> describeFolder(const std::string& path, ports::Files& files,
                                                      const std::function<bool()>& stop);
 

@@ -29,7 +29,10 @@ AgentBus::Place AgentBus::take() {
   return Place::taken;
 }
 
-void AgentBus::tellStateChanged() { Q_EMIT findChild<AgentAdaptor*>()->StateChanged(); }
+// Signals of objects are for their own thread.
+void AgentBus::tellStateChanged() {
+  QDBusConnection::sessionBus().send(QDBusMessage::createSignal(kPath, kName, "StateChanged"));
+}
 
 QList<QVariantMap> AgentAdaptor::Volumes() const {
   QList<QVariantMap> list;
@@ -37,7 +40,8 @@ QList<QVariantMap> AgentAdaptor::Volumes() const {
     list.append(QVariantMap{{"Name", QString::fromStdString(volume.name)},
                             {"Identifier", QString::fromStdString(volume.identifier)},
                             {"Bytes", QVariant::fromValue<qulonglong>(volume.bytes)},
-                            {"Mounted", volume.isMounted}});
+                            {"Mounted", !volume.place.empty()},
+                            {"Place", QString::fromStdString(volume.place)}});
   return list;
 }
 

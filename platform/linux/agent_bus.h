@@ -16,7 +16,7 @@ struct AgentAnswers {
     std::string name;
     std::string identifier;
     std::uint64_t bytes = 0;
-    bool isMounted = false;
+    std::string place{};  // where it is mounted; empty: it is not
   };
   struct Backup {
     std::string path;
@@ -32,6 +32,10 @@ struct AgentAnswers {
   std::function<std::optional<std::string>(const std::string& volume)> backUp;
   // The volume that a backup is being made of, else empty.
   std::function<std::string()> current;
+  // Whether a backup is under way, which is so from before its volume is known until it has been judged.
+  std::function<bool()> isBusy;
+  // Why the last backup that was tried was not made; empty when it was.
+  std::function<std::string()> lastFailure;
   // The user has started the agent again.
   std::function<void()> activate;
   std::function<void()> quit;
@@ -53,7 +57,7 @@ class AgentBus : public QObject {
   // Takes the name. `taken`: another agent has it, and has been told that the user wants to see it.
   Place take();
 
-  // Tells those who listen that the volumes, the backups or what is being done have changed.
+  // Tells those who listen that the volumes, the backups or what is being done have changed. Any thread.
   void tellStateChanged();
 
   const AgentAnswers& answers() const { return answers_; }
@@ -67,13 +71,17 @@ class AgentAdaptor : public QDBusAbstractAdaptor {
   Q_OBJECT
   Q_CLASSINFO("D-Bus Interface", "com.stashwick.Agent")
   Q_PROPERTY(QString CurrentVolume READ currentVolume)
+  Q_PROPERTY(bool Busy READ isBusy)
+  Q_PROPERTY(QString LastFailure READ lastFailure)
 
  public:
   explicit AgentAdaptor(AgentBus& bus) : QDBusAbstractAdaptor(&bus), bus_(bus) {}
   QString currentVolume() const { return QString::fromStdString(bus_.answers().current()); }
+  bool isBusy() const { return bus_.answers().isBusy(); }
+  QString lastFailure() const { return QString::fromStdString(bus_.answers().lastFailure()); }
 
  public Q_SLOTS:
-  // For each volume: Name (s), Identifier (s), Bytes (t), Mounted (b).
+  // For each volume: Name (s), Identifier (s), Bytes (t), Mounted (b), Place (s, empty while not mounted).
   QList<QVariantMap> Volumes() const;
   // For each backup, the oldest first: Path (s), Date (d, seconds since 1970), Bytes (t), Encrypted (b).
   QList<QVariantMap> Backups(const QString& volume) const;

@@ -1,8 +1,5 @@
 #include "platform/linux/block_names.h"
 
-#include <QByteArray>
-#include <QString>
-#include <QUuid>
 #include <algorithm>
 #include <array>
 #include <fstream>
@@ -12,13 +9,6 @@
 
 namespace platform::freedesktop {
 namespace {
-
-// The name space of the UUIDs that are made here.
-constexpr QUuid kMediaNamespace(0x3db1dd9f, 0x6b0c, 0x4d47, 0x9a, 0x5e, 0x0c, 0x4b, 0x17, 0x9e, 0x62, 0xd8);
-
-std::string canonicalText(const QUuid& uuid) {
-  return uuid.toString(QUuid::WithoutBraces).toUpper().toStdString();
-}
 
 // In the decimal units that are printed on drives, rounded to whole ones.
 std::string roundedSize(std::uint64_t bytes) {
@@ -50,18 +40,6 @@ std::optional<std::uint64_t> diskSequence(const std::string& sysfs, std::uint64_
   std::uint64_t sequence = 0;
   if (!(file >> sequence)) return std::nullopt;
   return sequence;
-}
-
-std::optional<std::string> mediaUUID(const MediaIdentity& identity) {
-  if (identity.partitionTable == "gpt") {
-    const auto guid = QUuid::fromString(QString::fromStdString(identity.partition));
-    if (!guid.isNull()) return canonicalText(guid);
-  }
-  if (identity.partition.empty() && identity.fileSystem.empty() && identity.serial.empty())
-    return std::nullopt;
-  const std::string name = identity.fileSystem + "\n" + identity.partition + "\n" + identity.serial + "\n" +
-                           std::to_string(identity.size);
-  return canonicalText(QUuid::createUuidV5(kMediaNamespace, QByteArray::fromStdString(name)));
 }
 
 std::string volumeName(std::string_view label, std::string_view driveModel, std::uint64_t size) {

@@ -13,20 +13,6 @@ namespace platform::freedesktop {
 // sysfs is "/sys"; the device number is the st_rdev of the disk's node.
 std::optional<std::uint64_t> diskSequence(const std::string& sysfs, std::uint64_t deviceNumber);
 
-// What distinguishes a medium from others. Empty: not known.
-struct MediaIdentity {
-  std::string partitionTable;  // "gpt", "dos", ...
-  std::string partition;       // as the table has it: a GUID in GPT, "cafe0001-01" in MBR
-  std::string fileSystem;      // "CAFE-1234", or whatever its kind has for a UUID
-  std::string serial;          // of the drive
-  std::uint64_t size = 0;      // of the volume, in bytes
-};
-
-// The canonical text of the medium's UUID: the partition's GUID where it has one, else made of the rest, so
-// that the same medium has the same UUID wherever it is plugged in. Nothing when nothing tells the medium
-// from others of its size.
-std::optional<std::string> mediaUUID(const MediaIdentity& identity);
-
 // What to call a volume: its label, else the drive's model with the size ("Flash Drive 8 GB"). Always a name
 // that can be a path component: what cannot be in one becomes "_".
 std::string volumeName(std::string_view label, std::string_view driveModel, std::uint64_t size);

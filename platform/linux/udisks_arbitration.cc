@@ -2,19 +2,15 @@
 
 #include <QVariantMap>
 #include <algorithm>
-#include <fcntl.h>
 #include <string_view>
 #include <utility>
 
-#include "base/mutex.h"
 #include "platform/linux/block_names.h"
 #include "platform/linux/udisks_bus.h"
-#include "platform/posix/file_descriptor.h"
 
 namespace platform::freedesktop {
 namespace {
 
-constexpr std::string_view kVolumes = "/Volumes/";
 constexpr double kSecondsForMountPoint = 5;
 
 using ports::DiskCompletion;
@@ -31,51 +27,11 @@ QVariantMap optionsForUser(bool asksForPassword) {
 
 }  // namespace
 
-class UDisksArbitration::Disk : public ports::Disk {
- public:
-  explicit Disk(ports::DiskDescription given) : description(std::move(given)) {}
-
-  // An open path is enough to keep the file system busy, and needs no permission to read it.
-  void setMountPoint(const std::string& mountPoint) {
-    const base::MutexLock lock(mutex_);
-    if (mountPoint == mountPoint_) return;
-    mountPoint_ = mountPoint;
-    held_.reset();
-    if (claimed_) hold();
-  }
-  void claim() {
-    const base::MutexLock lock(mutex_);
-    if (!std::exchange(claimed_, true)) hold();
-  }
-  void unclaim() {
-    const base::MutexLock lock(mutex_);
-    claimed_ = false;
-    held_.reset();
-  }
-  bool isClaimed() {
-    const base::MutexLock lock(mutex_);
-    return claimed_;
-  }
-
-  ports::DiskDescription description;  // main thread only
-
- private:
-  void hold() REQUIRES(mutex_) {
-    if (mountPoint_.empty()) return;
-    held_ = posix::FileDescriptor(::open(mountPoint_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  }
-
-  base::Mutex mutex_;
-  std::string mountPoint_ GUARDED_BY(mutex_);
-  bool claimed_ GUARDED_BY(mutex_) = false;
-  posix::FileDescriptor held_ GUARDED_BY(mutex_);
-};
-
 struct UDisksArbitration::Present {
   UDisksDisk found;
   std::string name{};                     // of a volume: the wanted one, or that with a number
   std::optional<base::Date> arrivedAt{};  // known for what came since the daemon first told its disks
-  std::shared_ptr<Disk> disk{};
+  std::shared_ptr<posix::FolderDisk> disk{};
   bool isAnnounced = false;
   bool wasAnnouncedMounted = false;
 };
@@ -87,9 +43,9 @@ struct UDisksArbitration::Mounting {
 };
 
 UDisksArbitration::UDisksArbitration(const Surroundings& surroundings, Settings settings)
-    : around_(surroundings),
+    : FolderDisks(surroundings.queue, [this] { return announced(); }),
+      around_(surroundings),
       settings_(std::move(settings)),
-      sessions_(around_.queue, [this] { return announced(); }),
       self_(std::make_shared<UDisksArbitration*>(this)),
       bus_(std::make_unique<UDisksBus>(
           UDisksBus::Place{settings_.busAddress, settings_.answersWithin}, [this] { reconcile(); },
@@ -161,7 +117,7 @@ void UDisksArbitration::arrive(UDisksDisk found) {
     });
   }
   present->arrivedAt = bus_->hasListed() ? std::optional(around_.dates.now()) : std::nullopt;
-  present->disk = std::make_shared<Disk>(describe(present->found, *present));
+  present->disk = std::make_shared<posix::FolderDisk>(describe(present->found, *present));
   present_.push_back(present);
   setMountPoint(*present, present->found.mountPoint);
   if (!present->found.mountPoint.empty() || !present->found.shouldBeMounted) return announce(*present);
@@ -197,7 +153,7 @@ void UDisksArbitration::setMountPoint(Present& present, const std::string& mount
   if (isMounted) around_.paths.setVolume(present.name, mountPoint);
   if (!isMounted && !present.found.mountPoint.empty()) around_.paths.removeVolume(present.name);
   present.found.mountPoint = mountPoint;
-  present.disk->setMountPoint(mountPoint);
+  present.disk->setFolder(mountPoint);
 }
 
 void UDisksArbitration::announce(Present& present) {
@@ -243,20 +199,11 @@ std::vector<DiskRef> UDisksArbitration::announced() const {
 // --- what clients ask for ---
 
 std::unique_ptr<ports::DiskSession> UDisksArbitration::createSession(ports::DiskSessionCallbacks callbacks) {
-  return bus_->reach() ? sessions_.create(std::move(callbacks)) : nullptr;
-}
-
-ports::DiskDescription UDisksArbitration::copyDescription(const DiskRef& disk) {
-  return disk ? static_cast<const Disk&>(*disk).description : ports::DiskDescription{};
-}
-
-void UDisksArbitration::claim(const DiskRef& disk) {
-  if (disk) static_cast<Disk&>(*disk).claim();
+  return bus_->reach() ? FolderDisks::createSession(std::move(callbacks)) : nullptr;
 }
 
 void UDisksArbitration::unclaim(const DiskRef& disk) {
-  if (!disk) return;
-  static_cast<Disk&>(*disk).unclaim();
+  FolderDisks::unclaim(disk);
   later([this] { reconcile(); });
 }
 
@@ -362,15 +309,6 @@ void UDisksArbitration::rename(const DiskRef& disk, const std::string& name) {
                  if (reply.dissenter) failed(reply.dissenter->statusString);
                });
   });
-}
-
-DiskRef UDisksArbitration::diskFromVolumePath(const base::FileURL& volume) {
-  const std::string_view path = volume.path;
-  const auto found = std::ranges::find_if(present_, [&](const auto& present) {
-    return !present->found.mountPoint.empty() && path.starts_with(kVolumes) &&
-           path.substr(kVolumes.size()) == present->name;
-  });
-  return found == present_.end() ? nullptr : (*found)->disk;
 }
 
 }  // namespace platform::freedesktop

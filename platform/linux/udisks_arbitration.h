@@ -9,7 +9,7 @@
 
 #include "platform/linux/bus_greeting.h"
 #include "platform/linux/udisks_disks.h"
-#include "platform/posix/disk_sessions.h"
+#include "platform/posix/folder_disks.h"
 #include "platform/posix/path_map.h"
 #include "ports/dates.h"
 #include "ports/disk_arbitration.h"
@@ -35,7 +35,7 @@ class UDisksBus;
 //
 // When the daemon goes, so do all its disks. A pulled stick vanishes without a word before; its claim is let
 // go and its path with it.
-class UDisksArbitration : public ports::DiskArbitration {
+class UDisksArbitration : public posix::FolderDisks {
  public:
   // All outlive this.
   struct Surroundings {
@@ -62,9 +62,6 @@ class UDisksArbitration : public ports::DiskArbitration {
 
   // Null when there is no system bus. Without a daemon there are no disks until it comes.
   std::unique_ptr<ports::DiskSession> createSession(ports::DiskSessionCallbacks callbacks) override;
-  ports::DiskDescription copyDescription(const ports::DiskRef& disk) override;
-  // Holds the mount point open, so that the kernel refuses whoever wants to unmount it.
-  void claim(const ports::DiskRef& disk) override;
   void unclaim(const ports::DiskRef& disk) override;
   void mount(const ports::DiskRef& disk, ports::DiskCompletion done) override;
   // Sessions are asked before this unmounts; what others unmount is only withstood by a claim.
@@ -73,10 +70,8 @@ class UDisksArbitration : public ports::DiskArbitration {
   void eject(const ports::DiskRef& disk, ports::DiskCompletion done) override;
   // Sets the file system's label; some kinds refuse while they are mounted, which is logged.
   void rename(const ports::DiskRef& disk, const std::string& name) override;
-  ports::DiskRef diskFromVolumePath(const base::FileURL& volume) override;
 
  private:
-  class Disk;
   struct Present;
   struct Mounting;
   using PresentRef = std::shared_ptr<Present>;
@@ -110,7 +105,6 @@ class UDisksArbitration : public ports::DiskArbitration {
   const Settings settings_;
   std::vector<PresentRef> present_;  // in order of arrival
   std::vector<std::shared_ptr<Mounting>> mounting_;
-  posix::DiskSessions sessions_;
   // Tells closures that are still on their way to the main thread that this is gone.
   std::shared_ptr<UDisksArbitration*> self_;
   const std::unique_ptr<UDisksBus> bus_;

@@ -8,6 +8,7 @@
 
 #include "base/date.h"
 #include "platform/linux/block_names.h"
+#include "platform/posix/media_identity.h"
 
 namespace platform::freedesktop {
 namespace {
@@ -99,7 +100,7 @@ std::string kindOf(const UDisksProperties& block) {
 }
 
 std::optional<std::string> uuidOf(const UDisksProperties& block, const Slice& slice) {
-  return mediaUUID({.partitionTable = textOf(orNothing(slice.table), "Type"),
+  return posix::mediaUUID({.partitionTable = textOf(orNothing(slice.table), "Type"),
                     .partition = textOf(orNothing(slice.partition), "UUID"),
                     .fileSystem = textOf(block, "IdUUID"),
                     .serial = textOf(orNothing(slice.drive), "Serial"),

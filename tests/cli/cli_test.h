@@ -48,7 +48,10 @@ class WorldVolumes : public ::cli::Volumes {
     stoodIn.emplace_back(name, volume.name());
   }
 
+  ::cli::Agent* agentOf(const ZQRemovableDevice& /*volume*/) override { return agent; }
+
   std::vector<std::pair<std::string, std::string>> stoodIn;
+  ::cli::Agent* agent = nullptr;
 
  private:
   platform::fake::World& world_;

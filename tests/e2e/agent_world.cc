@@ -7,16 +7,7 @@
 namespace fs = std::filesystem;
 
 std::unique_ptr<Program> AgentWorld::start(const Arguments& commandLine, Program::Screen screen) {
-  return std::make_unique<Program>(
-      commandLine,
-      std::map<std::string, std::string>{{"HOME", temporary / "home"},
-                                         {"XDG_DATA_HOME", dataHome},
-                                         {"XDG_CONFIG_HOME", configHome},
-                                         {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + temporary / "no-bus"},
-                                         {"LC_ALL", "C.UTF-8"},
-                                         {"LANGUAGE", ""},
-                                         {"TZ", "UTC"}},
-      temporary.path(), screen);
+  return std::make_unique<Program>(commandLine, environment, temporary.path(), screen);
 }
 
 AgentWorld::Outcome AgentWorld::outcomeOf(Program& program) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,4 +49,14 @@ class AgentWorld : public testing::Test {
   TemporaryFolder temporary;
   std::string dataHome = temporary / "home/data";
   std::string configHome = temporary / "home/config";
+  // Of every program that is started; there is no message bus, unless a test brings one.
+  std::map<std::string, std::string> environment = {
+      {"HOME", temporary / "home"},
+      {"XDG_DATA_HOME", dataHome},
+      {"XDG_CONFIG_HOME", configHome},
+      {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + temporary / "no-bus"},
+      {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + temporary / "no-bus"},
+      {"LC_ALL", "C.UTF-8"},
+      {"LANGUAGE", ""},
+      {"TZ", "UTC"}};
 };
