@@ -64,6 +64,8 @@ base::Result<void> checkSectors(const udif::Image& image) {
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
                                            const std::atomic<bool>* cancelled, const udif::RunSums* known) {
   const udif::Image* const udif = image.udif();
+  if (udif == nullptr && !image.hfsPlusVolume())
+    return base::Error{"it has neither checksums nor an HFS+ volume that could be checked"};
   if (udif == nullptr) return checkVolumes(image);
   if (workers == 0) workers = os::processors();
   if (auto placed = checkSectors(*udif); !placed) return placed.error();

@@ -74,6 +74,21 @@ bool isHidden(std::u16string_view attribute, bool isCompressed) {
          (isCompressed && attribute == hfs::Compression::kAttributeName);
 }
 
+// Says what is there instead, if that has a name.
+base::Error noVolume(const OpenedImage& image) {
+  constexpr std::string_view kAPFS = "7C3457EF-0000-11AA-AA11-00306543ECAC";
+  std::string text = "the image holds no HFS+ volume";
+  const auto isOlder = [](const block::Partition& part) { return part.isOlderHFS; };
+  const auto isAPFS = [&](const block::Partition& part) {
+    return part.type == kAPFS || part.type == "Apple_APFS";
+  };
+  if (std::ranges::any_of(image.partitions(), isOlder))
+    text += ", but one of the older HFS, which is not supported";
+  else if (std::ranges::any_of(image.partitions(), isAPFS))
+    text += ", but one of APFS, which is not supported";
+  return {std::move(text)};
+}
+
 class HFSVolume final : public Volume {
  public:
   HFSVolume(std::unique_ptr<OpenedImage> image, std::unique_ptr<block::Disk> part,
@@ -379,7 +394,7 @@ base::Result<std::optional<std::vector<std::byte>>> HFSVolume::attribute(std::ui
 base::Result<std::unique_ptr<Volume>> Volume::open(std::unique_ptr<OpenedImage> image, Options options) {
   image->setReading({.cacheBytes = options.cacheBytes / 2, .workers = options.workers});
   const auto extent = image->hfsPlusVolume();
-  if (!extent) return base::Error{"the image holds no HFS+ volume"};
+  if (!extent) return noVolume(*image);
   auto part = std::make_unique<block::DiskPart>(image->disk(), *extent);
   auto reader = hfs::VolumeReader::open(*part, options.cacheBytes / 4);
   if (!reader) return reader.error();

@@ -66,13 +66,17 @@ base::Result<bool> hasAlternateHeader(const Disk& disk, const Extent& extent) {
   return isVolumeSignature(base::loadBigEndian<std::uint16_t>(header->data()));
 }
 
-base::Result<std::optional<Extent>> findHFSPlus(const Disk& disk, const Extent& extent, bool typeSaysHFS) {
-  const auto header = volumeHeader(disk, extent);
+// Sets what volume the partition holds.
+base::Result<void> findVolume(const Disk& disk, Partition& partition, bool typeSaysHFS) {
+  const auto header = volumeHeader(disk, partition.extent);
   if (!header) return header.error();
   const auto signature = base::loadBigEndian<std::uint16_t>(header->data());
-  if (isVolumeSignature(signature)) return std::optional(extent);
-  if (signature == kHFS) return embeddedExtent(*header, extent);
-  return typeSaysHFS ? std::optional(extent) : std::nullopt;
+  if (signature == kHFS)
+    partition.hfsPlus = embeddedExtent(*header, partition.extent);
+  else if (isVolumeSignature(signature) || typeSaysHFS)
+    partition.hfsPlus = partition.extent;
+  partition.isOlderHFS = signature == kHFS && !partition.hfsPlus;
+  return {};
 }
 
 // Takes the entries of a map, of whatever kind it is, in order.
@@ -87,9 +91,7 @@ class Collector {
       return base::Error{"the partition " + partition.name + " (" + partition.type +
                          ") reaches past the end of the disk"};
     }
-    auto found = findHFSPlus(disk_, partition.extent, typeSaysHFS);
-    if (!found) return found.error();
-    partition.hfsPlus = *found;
+    if (auto found = findVolume(disk_, partition, typeSaysHFS); !found) return found;
     map_.partitions.push_back(std::move(partition));
     return {};
   }
@@ -267,7 +269,7 @@ base::Result<PartitionMap> readBareVolume(const Disk& disk) {
   if (auto added = partitions.add({.extent = {0, disk.size()}, .type = "Apple_HFS"}, false); !added)
     return added.error();
   auto map = partitions.take();
-  if (!map.partitions[0].hfsPlus) map.partitions.clear();
+  if (!map.partitions[0].hfsPlus && !map.partitions[0].isOlderHFS) map.partitions.clear();
   return map;
 }
 

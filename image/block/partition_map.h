@@ -20,12 +20,15 @@ struct Partition {
   // type says HFS is taken for one even where its volume header cannot be recognised, unless it holds the
   // older HFS.
   std::optional<Extent> hfsPlus{};
+  // A volume of the older HFS that embeds none.
+  bool isOlderHFS = false;
 };
 
 enum class PartitionScheme { none, guid, apple, masterBootRecord };
 
 // What a disk says of its parts: a GUID partition table (UEFI specification, chapter 5; the backup where the
-// primary one is damaged), an Apple partition map, a master boot record, or nothing but one HFS+ volume.
+// primary one is damaged), an Apple partition map, a master boot record, or nothing but one HFS+
+// or older HFS volume.
 struct PartitionMap {
   // A bare volume too.
   PartitionScheme scheme = PartitionScheme::none;

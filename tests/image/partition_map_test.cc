@@ -261,12 +261,15 @@ TEST(Wrapper, isPassedThroughToTheVolumeThatItEmbeds) {
   EXPECT_EQ(Wrapper().map().partitions.at(0).hfsPlus, sectors(8, 12));
 }
 
-TEST(Wrapper, hasNoVolumeWhereThatWouldReachPastIt) { EXPECT_TRUE(Wrapper(11).map().partitions.empty()); }
+TEST(Wrapper, hasNoVolumeWhereThatWouldReachPastIt) {
+  EXPECT_EQ(Wrapper(11).map().partitions.at(0).hfsPlus, std::nullopt);
+}
 
 TEST(OlderHFS, isNoHFSPlusVolumeWhateverItsPartitionSays) {
   AppleDisk disk(512, "Apple_HFS");
   disk.putVolume(10, "BD");
   EXPECT_FALSE(disk.map().partitions.at(1).hfsPlus);
+  EXPECT_TRUE(disk.map().partitions.at(1).isOlderHFS);
 }
 
 TEST(PartitionMap, isEmptyWhereNothingIsKnown) {

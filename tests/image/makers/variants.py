@@ -380,7 +380,13 @@ def wrapper_in_an_apple_map():
 def older_hfs():
     raw = bytearray(disks.wrapped(small().make()))
     raw[1024 + 124:1024 + 130] = bytes(6)
-    return result(bytes(raw), refused="failed", judged=False)
+    return result(bytes(raw), refused="HFS", judged=False)
+
+
+@variant
+def apfs():
+    kind = disks.uuid.UUID("7C3457EF-0000-11AA-AA11-00306543ECAC")
+    return result(disks.guid([(kind, "Made", noise(50_000))])[0], refused="HFS", judged=False)
 
 
 @variant
