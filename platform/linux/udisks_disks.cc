@@ -101,10 +101,10 @@ std::string kindOf(const UDisksProperties& block) {
 
 std::optional<std::string> uuidOf(const UDisksProperties& block, const Slice& slice) {
   return posix::mediaUUID({.partitionTable = textOf(orNothing(slice.table), "Type"),
-                    .partition = textOf(orNothing(slice.partition), "UUID"),
-                    .fileSystem = textOf(block, "IdUUID"),
-                    .serial = textOf(orNothing(slice.drive), "Serial"),
-                    .size = numberOf(block, "Size")});
+                           .partition = textOf(orNothing(slice.partition), "UUID"),
+                           .fileSystem = textOf(block, "IdUUID"),
+                           .serial = textOf(orNothing(slice.drive), "Serial"),
+                           .size = numberOf(block, "Size")});
 }
 
 class Description {

@@ -10,6 +10,32 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
+// An agent with an image tool of its own.
+class OtherAgent : public ::cli::Agent {
+ public:
+  explicit OtherAgent(platform::fake::World& world) : world_(world) {}
+
+  base::Result<std::string> currentVolume() override { return current; }
+  base::Result<void> begin(const std::string& volume) override {
+    if (!refusal.empty()) return base::Error{refusal};
+    begun.push_back(volume);
+    if (makesImages)
+      world_.files.write(world_.applicationSupport() + "/Stashwick 3/" + volume + "/agents.dmg", "an image");
+    return {};
+  }
+  bool isOver() override { return true; }
+  std::string lastFailure() override { return failure; }
+
+  std::string current;
+  std::string refusal;
+  std::string failure;
+  bool makesImages = true;
+  std::vector<std::string> begun;
+
+ private:
+  platform::fake::World& world_;
+};
+
 class Changing : public CliTest {
  protected:
   std::string folder() { return world.applicationSupport() + "/Stashwick 3/STICK"; }
@@ -30,6 +56,68 @@ TEST_F(Changing, backsUpAVolumeAndVerifiesTheImage) {
   EXPECT_THAT(out.str(), HasSubstr("STICK: backed up to STICK/1, 8 bytes, verified\n"));
   EXPECT_THAT(steps(), ElementsAre("create", "verify"));
   EXPECT_THAT(folders.held, ElementsAre(folder()));
+}
+
+TEST_F(Changing, leavesABackupToTheAgentAndVerifiesIt) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  EXPECT_EQ(ctl({"backup", "STICK"}), Exit::done) << error.str();
+  EXPECT_THAT(agent.begun, ElementsAre("STICK"));
+  EXPECT_THAT(out.str(), HasSubstr("STICK: backed up to STICK/1, 8 bytes, verified\n"));
+  EXPECT_THAT(steps(), ElementsAre("verify"));
+  EXPECT_THAT(folders.held, IsEmpty());
+}
+
+TEST_F(Changing, backsUpWhatTheAgentWouldNotBackUpLikeThis) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  terminal.input = "secret";
+  terminal.answers = {"y"};
+  for (const Strings& options :
+       {Strings{"--encrypt", "--password-stdin"}, {"--password-stdin"}, {"--erase-after"}}) {
+    Strings arguments{"backup", "STICK"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    EXPECT_EQ(ctl(arguments), Exit::done) << error.str();
+    world.letSecondsPass(1);
+  }
+  EXPECT_THAT(agent.begun, IsEmpty());
+}
+
+TEST_F(Changing, doesNotLeaveAnEncryptedBackupToAnAgentWithoutAPassword) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  world.defaults.setString("AES-256", "ZQStashwickBackupEncryption");
+  EXPECT_EQ(ctl({"backup", "STICK"}), Exit::authentication);
+  EXPECT_THAT(agent.begun, IsEmpty());
+}
+
+TEST_F(Changing, doesNotLeaveABackupToAnAgentThatHasAFailureToTellOf) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  agent.failure = "hdiutil: create failed - No space left on device";
+  EXPECT_EQ(ctl({"backup", "STICK"}), Exit::done) << error.str();
+  EXPECT_THAT(agent.begun, IsEmpty());
+}
+
+TEST_F(Changing, keepsOffAVolumeThatTheAgentBacksUp) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  agent.current = "STICK";
+  EXPECT_EQ(ctl({"backup", "STICK", "--erase-after", "--yes"}), Exit::busy);
+  EXPECT_EQ(error.str(), "stashwickctl: backup failed - the agent is backing up \"STICK\"\n");
+  EXPECT_THAT(steps(), IsEmpty());
+}
+
+TEST_F(Changing, saysWhyTheAgentDoesNotMakeABackup) {
+  OtherAgent agent(world);
+  volumes.agent = &agent;
+  agent.refusal = "A backup is under way.";
+  EXPECT_EQ(ctl({"backup", "STICK"}), Exit::busy);
+  EXPECT_EQ(error.str(), "stashwickctl: backup failed - A backup is under way.\n");
+  agent.refusal.clear();
+  agent.makesImages = false;
+  EXPECT_EQ(ctl({"backup", "STICK"}), Exit::failed);
+  EXPECT_EQ(error.str(), "stashwickctl: backup failed - the agent made no backup and does not say why\n");
 }
 
 TEST_F(Changing, seesAFailureThatTheEngineKeepsToItself) {

@@ -11,8 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/embedded/volume_folder.h"
 #include "platform/linux/udisks_arbitration.h"
+#include "platform/linux/udisks_disks.h"
+#include "platform/linux/udisks_listing.h"
 #include "platform/posix/icu_dates.h"
+#include "platform/posix/posix_files.h"
 #include "tests/platform/linux/disks/qt_loop.h"
 #include "tests/platform/posix/recording_log.h"
 #include "tests/platform/posix/temporary_folder.h"
@@ -51,9 +55,10 @@ class LoopDisk {
     run("mkfs.ext4",
         QStringList{"-q", "-L", QString::fromStdString(label)} + options + QStringList{file()} + size);
   }
-  void writeTable(const QString& guid) {
+  void writeTable(const QString& kind, const QString& guid = "") {
+    const QString uuid = guid.isEmpty() ? "" : ", uuid=" + guid;
     run("sh",
-        {"-c", "printf 'label: gpt\\nstart=2048, size=24576, uuid=" + guid + "\\n' | sfdisk -q " + file()});
+        {"-c", "printf 'label: " + kind + "\\nstart=2048, size=24576" + uuid + "\\n' | sfdisk -q " + file()});
   }
   // Tells the kernel of the one partition: not every kernel reads tables.
   void addPartition() {
@@ -158,7 +163,7 @@ TEST_F(UDisksRealTest, keepsAClaimedVolumeFromBeingUnmounted) {
 }
 
 TEST_F(UDisksRealTest, knowsAPartitionByItsGUID) {
-  loopDisk.writeTable("0fc63daf-8483-4772-8e79-3d69d8477de4");
+  loopDisk.writeTable("gpt", "0fc63daf-8483-4772-8e79-3d69d8477de4");
   loopDisk.format({"-E", "offset=1048576"}, {"12M"});
   loopDisk.attach();
   loopDisk.addPartition();
@@ -169,6 +174,49 @@ TEST_F(UDisksRealTest, knowsAPartitionByItsGUID) {
   EXPECT_THAT(text(disk, "DAMediaBSDName"), testing::MatchesRegex("disk[0-9]+s1"));
   loopDisk.detach();
   EXPECT_TRUE(waitFor("-" + loopDisk.label));
+}
+
+TEST_F(UDisksRealTest, tellsWhoLooksOnceTheSame) {
+  loopDisk.format();
+  loopDisk.attach();
+  ASSERT_TRUE(waitFor("+" + loopDisk.label));
+  auto description = disks.copyDescription(arrived[loopDisk.label]);
+  const auto objects = listUDisks(std::chrono::seconds(20));
+  ASSERT_TRUE(objects) << objects.error().message;
+  const auto listed = disksOf(*objects, "/sys");
+  const auto found = std::ranges::find(listed, loopDisk.label, &UDisksDisk::wantedName);
+  ASSERT_NE(found, listed.end());
+  for (const auto& [key, value] : found->description) EXPECT_EQ(description[key], value) << key;
+}
+
+// What is mounted is known by the same UUID to those who have no daemon to ask.
+class MountedDisk : public UDisksRealTest {
+ protected:
+  void expectSameUUIDWithoutTheDaemon() {
+    loopDisk.format({"-E", "offset=1048576"}, {"12M"});
+    loopDisk.attach();
+    loopDisk.addPartition();
+    ASSERT_TRUE(waitFor("+" + loopDisk.label));
+    EXPECT_EQ(statusOf(&ports::DiskArbitration::mount, arrived[loopDisk.label]), ports::kDAReturnSuccess);
+    ASSERT_TRUE(waitFor("-" + loopDisk.label));
+    posix::PosixFiles files(paths);
+    const auto folder = embedded::describeFolder(hostPath(loopDisk.label), files, [] { return false; });
+    ASSERT_TRUE(folder);
+    const auto* uuid = base::find<std::string>(*folder, ports::kDADiskDescriptionMediaUUIDKey);
+    ASSERT_TRUE(uuid);
+    EXPECT_EQ(*uuid, text(arrived[loopDisk.label], ports::kDADiskDescriptionMediaUUIDKey));
+    EXPECT_TRUE(isDone("umount", {QString::fromStdString(hostPath(loopDisk.label))}));
+  }
+};
+
+TEST_F(MountedDisk, hasTheUUIDOfItsPartition) {
+  loopDisk.writeTable("gpt", "0fc63daf-8483-4772-8e79-3d69d8477de4");
+  expectSameUUIDWithoutTheDaemon();
+}
+
+TEST_F(MountedDisk, hasAUUIDMadeOfWhatItHasElse) {
+  loopDisk.writeTable("dos");
+  expectSameUUIDWithoutTheDaemon();
 }
 
 TEST_F(UDisksRealTest, renamesAVolume) {
