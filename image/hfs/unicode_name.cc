@@ -1,6 +1,7 @@
 #include "image/hfs/unicode_name.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <unicode/normalizer2.h>
 #include <unicode/uniset.h>
@@ -51,6 +52,45 @@ std::optional<std::u16string> decompose(std::u16string_view name) {
   return std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length()));
 }
 
+struct Respelling {
+  std::u16string_view old;
+  char16_t now;
+};
+
+// What old systems, and others that still go by TN1150's table, store for letters that decompose in other
+// ways today, or not at all.
+constexpr Respelling kOldSpellings[]{
+    {u"\u018F\u0308", u'\u04DA'}, {u"\u0259\u0308", u'\u04DB'}, {u"\u019F\u0308", u'\u04EA'},
+    {u"\u0275\u0308", u'\u04EB'}, {u"\u0E4D\u0E32", u'\u0E33'}, {u"\u0ECD\u0EB2", u'\u0EB3'},
+};
+
+// Whether a line above at that place is the accent of a Greek letter.
+bool isGreekAccent(std::u16string_view name, std::size_t at) {
+  constexpr char16_t kLineAbove = u'\u030D';
+  constexpr char16_t kDiaeresisAbove = u'\u0308';
+  constexpr char16_t kDiaeresis = u'\u00A8';
+  if (name[at] != kLineAbove) return false;
+  while (at > 0 && name[at - 1] == kDiaeresisAbove) --at;
+  return at > 0 && ((name[at - 1] >= u'\u0370' && name[at - 1] <= u'\u03FF') || name[at - 1] == kDiaeresis);
+}
+
+std::u16string respelled(std::u16string_view name) {
+  constexpr char16_t kAcute = u'\u0301';
+  std::u16string made;
+  for (std::size_t at = 0; at < name.size();) {
+    const auto isHere = [&](const Respelling& spelling) {
+      return name.substr(at, spelling.old.size()) == spelling.old;
+    };
+    const auto* const found = std::ranges::find_if(kOldSpellings, isHere);
+    if (found != std::end(kOldSpellings))
+      made += found->now;
+    else
+      made += isGreekAccent(name, at) ? kAcute : name[at];
+    at += found != std::end(kOldSpellings) ? found->old.size() : 1;
+  }
+  return made;
+}
+
 template <class Char>
 void exchangeSeparators(std::basic_string<Char>& name, Char from, Char to) {
   std::ranges::replace(name, from, to);
@@ -75,11 +115,11 @@ std::string composedFileName(std::u16string_view storedName) {
     return name;
   }
   UErrorCode status = U_ZERO_ERROR;
-  icu::UnicodeString composed(false, storedName.data(), static_cast<std::int32_t>(storedName.size()));
+  const std::u16string spelled = respelled(storedName);
+  icu::UnicodeString composed(spelled.data(), static_cast<std::int32_t>(spelled.size()));
   if (const auto* composer = icu::Normalizer2::getNFCInstance(status); U_SUCCESS(status))
     composed = composer->normalize(composed, status);
-  if (U_FAILURE(status))
-    composed.setTo(false, storedName.data(), static_cast<std::int32_t>(storedName.size()));
+  if (U_FAILURE(status)) composed.setTo(false, spelled.data(), static_cast<std::int32_t>(spelled.size()));
   std::string name = base::utf8FromUTF16({composed.getBuffer(), static_cast<std::size_t>(composed.length())});
   exchangeSeparators(name, '/', ':');
   return name;

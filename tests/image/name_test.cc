@@ -44,6 +44,13 @@ TEST(ComposedFileName, leadsBackFromAStoredName) {
     EXPECT_EQ(composedFileName(*storedName(name)), name);
 }
 
+TEST(ComposedFileName, knowsHowLettersWereDecomposedOnce) {
+  EXPECT_EQ(composedFileName(u"Ελληνικα\u030D"), "Ελληνικά");
+  EXPECT_EQ(composedFileName(u"\u03B9\u0308\u030D"), "\u0390");
+  EXPECT_EQ(composedFileName(u"\u0259\u0308 \u0E19\u0E4D\u0E32"), "\u04DB \u0E19\u0E33");
+  EXPECT_EQ(composedFileName(u"a\u030D\u0308\u030D"), "a\u030D\u0308\u030D");
+}
+
 TEST(FoldCase, knowsTheLettersOfTheFormat) {
   EXPECT_EQ(foldCase(u'A'), u'a');
   EXPECT_EQ(foldCase(u'Æ'), u'æ');
