@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/e2e/agent_world.h"
+#include "tests/support/own_mounts.h"
 
 namespace {
 
@@ -68,7 +69,10 @@ TEST_F(Ctl, copiesFilesOutOfABackup) {
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_TRUE(temporary.read("out/folder with blanks/日本.bin") == std::string(100000, 'x'));
   EXPECT_FALSE(fs::exists(temporary / "out/notes.txt"));
-  EXPECT_EQ(ctl({"extract", "STICK/1", "no such file", "--to", temporary / "out"}).status, 1);
+  const auto absent = ctl({"extract", "STICK/1", "no such file", "--to", temporary / "out"});
+  EXPECT_EQ(absent.status, 3);
+  EXPECT_THAT(absent.errors, HasSubstr("extract failed - no such file: there is no such item in the image"));
+  EXPECT_EQ(ctl({"extract", "STICK/1", "notes.txt/below", "--to", temporary / "out"}).status, 3);
 }
 
 TEST_F(Ctl, saysWhatHasChangedSinceABackup) {
@@ -116,6 +120,7 @@ TEST_F(Ctl, asksForAPasswordWithoutShowingIt) {
 }
 
 TEST_F(Ctl, restoresAFolder) {
+  ASSERT_NO_FATAL_FAILURE(takeOwnMountsAsRoot());
   backUpStick();
   const auto before = shell("cp -a STICK kept && find STICK | sort");
   temporary.write("STICK/notes.txt", "other notes\n");
@@ -128,6 +133,7 @@ TEST_F(Ctl, restoresAFolder) {
 }
 
 TEST_F(Ctl, restoresAnEncryptedBackupToAnotherFolder) {
+  ASSERT_NO_FATAL_FAILURE(takeOwnMountsAsRoot());
   backUpStick({"--encrypt", passwordFile("right")});
   fs::create_directory(temporary / "OTHER");
   const auto run = ctl({"restore", "STICK/1", "--to", temporary / "OTHER", "--yes", passwordFile("right")});
@@ -136,6 +142,7 @@ TEST_F(Ctl, restoresAnEncryptedBackupToAnotherFolder) {
 }
 
 TEST_F(Ctl, restoresOntoAFolderThatAKilledRestoreRemoved) {
+  ASSERT_NO_FATAL_FAILURE(takeOwnMountsAsRoot());
   backUpStick();
   ASSERT_EQ(shell("mv STICK kept").status, 0);
   const auto asked = openCtl({"restore", "STICK/1", "--to", "./STICK"});
