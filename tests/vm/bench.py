@@ -1,11 +1,11 @@
 """What a check works with: a scratch folder that the guest has at /host, our programs, and a guest."""
-import functools
 import json
 import os
 import pathlib
 import shlex
 import shutil
 import subprocess
+import threading
 import unicodedata
 
 import guest
@@ -46,7 +46,9 @@ def composed(listing):
     return {unicodedata.normalize("NFC", path): facts for path, facts in listing.items()}
 
 
-@functools.cache
+PACKAGING = threading.Lock()
+
+
 def package_of(programs):
     """The package of what was built in the folder, made if it is missing or older than a program."""
     built = [*programs.glob("bin/stashwick*"), *programs.glob("libexec/stashwick/*")]
@@ -94,7 +96,8 @@ class Bench:
 
     def install_package(self):
         """Installs our package in the guest, where everything that it depends on must be already."""
-        shutil.copy(package_of(self.programs), self.share / "stashwick.deb")
+        with PACKAGING:
+            shutil.copy(package_of(self.programs), self.share / "stashwick.deb")
         self.machine.sh("dpkg --install /host/stashwick.deb")
 
     def person(self, line):
@@ -112,9 +115,9 @@ class Bench:
         self.person_does(f"(setsid bash -c {shlex.quote(line)} </dev/null >/tmp/{name}.out 2>&1; echo $? >/tmp/{name}.status) "
                          "</dev/null >/dev/null 2>&1 &")
 
-    def person_ended(self, name, seconds=300):
+    def person_ended(self, name):
         """Waits for what person_starts left running; gives its status and output."""
-        self.machine.await_sh(f"test -s /tmp/{name}.status", seconds)
+        self.machine.await_sh(f"test -s /tmp/{name}.status")
         return int(self.machine.sh(f"cat /tmp/{name}.status")), self.machine.sh(f"cat /tmp/{name}.out")
 
     def mount(self, device):

@@ -60,7 +60,7 @@ def check_pulled(place, disk, source, folder):
     """Pulled out while the files come back: it says so, leaves nothing mounted, and can be done again."""
     machine = place.machine
     place.person_starts("stashwickctl restore CARD/1 --yes", "pulled")
-    machine.await_sh(f"test -e {folder}/DCIM/100CAM && pkill -STOP -u person rsync", 120)
+    machine.await_sh(f"test -e {folder}/DCIM/100CAM && pkill -STOP -u person rsync")
     machine.pull("CARD0001")
     machine.sh("pkill -CONT rsync")
     status, said = place.person_ended("pulled")
