@@ -260,6 +260,7 @@ TEST_F(Restore, stopsBeforeErasingWhenAnyPartOfTheImageIsDamaged) {
 TEST_F(Restore, stopsBeforeErasingWhenTheImageIsGoneOrNoImage) {
   const auto before = copyOf(stickWithFiles());
   EXPECT_EQ(restore(temporary / "gone.dmg"), "fail");
+  EXPECT_EQ(restore(temporary / "<string>gone</string>.dmg"), "fail");
   EXPECT_EQ(restore(temporary.write("text.dmg", "no image")), "fail");
   EXPECT_EQ(restore(temporary.write("empty.dmg", "")), "fail");
   expectSame(stick, before);
