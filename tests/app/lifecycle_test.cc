@@ -232,6 +232,15 @@ TEST_F(AgentEnd, withoutTerminationIsHarmlessWhenIdle) {
   EXPECT_EQ(world.desktop.statusItem(), std::nullopt);
 }
 
+TEST_F(AgentEnd, leavesNobodyToAnswerAClickInAMenuThatIsStillOpen) {
+  launch();
+  const auto menu = agent->_statusBarMenu();
+  const auto& automatic = *menu->items.at(3);
+  ASSERT_TRUE(world.desktop.isEnabled(automatic));
+  agent.reset();
+  EXPECT_FALSE(world.desktop.isEnabled(automatic));
+}
+
 TEST_F(AgentEnd, letsGoOfAClaimedVolume) {
   launch();
   const auto stick = attachAndAnswer("STICK", "Later");

@@ -314,6 +314,16 @@ TEST_F(SizeEstimate, readsTheFreeSizeInSinglePrecisionToo) {
   EXPECT_EQ(estimateIn(world), "3 bytes");
 }
 
+TEST_F(SizeEstimate, multipliesInSinglePrecisionToo) {
+  launch();
+  world.desktop.answerNextAlert("Later");
+  attach(with(world.disks.usbPartition("STICK"), ports::kDADiskDescriptionMediaSizeKey, 655'576'256));
+  world.files.setFreeSize("/Volumes/STICK", 0);
+  world.desktop.answerNextAlert("Later");
+  world.desktop.click("Backup \"STICK\" now ...");
+  EXPECT_EQ(estimateIn(world), "500.17 MB");  // 524,461,024 bytes; in double precision 524,461,004
+}
+
 TEST_F(SizeEstimate, wrapsAroundWhenMoreIsFreeThanTheVolumeHolds) {
   launch();
   world.desktop.answerNextAlert("Later");
@@ -322,6 +332,16 @@ TEST_F(SizeEstimate, wrapsAroundWhenMoreIsFreeThanTheVolumeHolds) {
   world.desktop.answerNextAlert("Later");
   world.desktop.click("Backup \"STICK\" now ...");
   EXPECT_EQ(estimateIn(world), FileSize::stringFromFileSize(0 - std::uint64_t{8'000'000'000}));
+}
+
+TEST_F(SizeEstimate, belowAllSignedNumbersIsTheSmallestOfThemWrappedAround) {
+  launch();
+  world.desktop.answerNextAlert("Later");
+  attach("STICK");
+  world.files.setFreeSize("/Volumes/STICK", UINT64_MAX);
+  world.desktop.answerNextAlert("Later");
+  world.desktop.click("Backup \"STICK\" now ...");
+  EXPECT_EQ(estimateIn(world), FileSize::stringFromFileSize(std::uint64_t{1} << 63));
 }
 
 TEST_F(SizeEstimate, takesNothingAsFreeWhenTheVolumeHasNoAttributes) {
