@@ -165,6 +165,20 @@ TEST_F(EngineCalls, finishComesWhenTheQueueIsEmpty) {
   for (const auto& call : listener->calls()) EXPECT_FALSE(call.hadOperations) << call.what;
 }
 
+TEST_F(EngineCalls, finishMayStartTheNextRunWhichIsJudgedOnItsOwn) {
+  world.files.addVolume("OTHER");
+  listener->whenItFinishes = [this] {
+    if (engine->currentVolume() == "STICK") startBackup("OTHER");
+  };
+  backUp();
+  EXPECT_EQ(world.tools.runs().size(), 2);
+  EXPECT_EQ(std::ranges::count(listener->names(), "finish"), 2);
+  listener->forget();
+  world.tools.answerTool(kImageTool, "mount failed");
+  restore();
+  EXPECT_EQ(std::ranges::count(listener->names(), "fail"), 1);
+}
+
 TEST_F(EngineCalls, nobodyIsToldWithoutADelegateAndTheRunEndsAllTheSame) {
   engine->setDelegate(nullptr);
   startBackup();

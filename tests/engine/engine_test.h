@@ -41,6 +41,7 @@ class Listener : public ZQStashwickDelegate {
   }
   void StashwickDidFinish(ZQStashwick& engine, ZQStashwickOperationType type) override {
     note(engine, {.what = "finish", .type = type});
+    if (whenItFinishes) whenItFinishes();
   }
 
   std::vector<Told> calls() const {
@@ -57,8 +58,9 @@ class Listener : public ZQStashwickDelegate {
     calls_.clear();
   }
 
-  // Set before the engine starts. Runs on the thread of the call.
+  // Set before the engine starts. Run on the thread of the call.
   std::function<void()> whenItFails;
+  std::function<void()> whenItFinishes;
 
  private:
   void note(const ZQStashwick& engine, Told call) {
