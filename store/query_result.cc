@@ -36,6 +36,7 @@ struct ZQStashwickQueryResult::Scan {
 
   void walk(ports::Files& files, const base::FileURL& root, bool ignoresHidden, const std::stop_token& stop);
   void finish();
+  void _setReady(bool now);
   FileList list();
 };
 
@@ -52,14 +53,21 @@ void ZQStashwickQueryResult::Scan::walk(ports::Files& files, const base::FileURL
 }
 
 void ZQStashwickQueryResult::Scan::finish() {
-  std::vector<Observer> toTell;
   {
     const base::MutexLock lock(mutex);
     complete = std::make_shared<const std::vector<base::FileURL>>(std::move(found));
     found.clear();
     bytes = runningTotal;
-    ready = true;
-    running = false;
+  }
+  _setReady(true);
+}
+
+void ZQStashwickQueryResult::Scan::_setReady(bool now) {
+  std::vector<Observer> toTell;
+  {
+    const base::MutexLock lock(mutex);
+    ready = now;
+    running = !now;
     toTell.swap(observers);
     becameReady.notify_all();
   }
@@ -106,12 +114,7 @@ ZQStashwickQueryResult::~ZQStashwickQueryResult() {
 }
 
 void ZQStashwickQueryResult::_scanDirectoryAtPath(ports::Files& files) {
-  {
-    const base::MutexLock lock(scan_->mutex);
-    scan_->ready = false;
-    scan_->running = true;
-    scan_->found.clear();
-  }
+  scan_->_setReady(false);
   thread_ = std::jthread(
       [scan = scan_, &files, root = path_, ignoresHidden = ignoresHiddenFiles_](const std::stop_token& stop) {
         scan->walk(files, root, ignoresHidden, stop);
