@@ -440,6 +440,16 @@ TEST_F(ScanArchive, decodedRecordStartsNoScan) {
   EXPECT_EQ(total(), totalBefore);
 }
 
+TEST_F(ScanArchive, isLetGoOfOnceTheListWasRead) {
+  auto bytes = std::make_shared<base::MemoryRandomAccess>(base::archivedDataWithRootObject(*scan()));
+  const std::weak_ptr<base::MemoryRandomAccess> archive = bytes;
+  const auto back = ZQStashwickQueryResult::initWithCoder(base::unarchivedRoot(std::move(bytes)).value());
+  EXPECT_FALSE(archive.expired());
+  EXPECT_THAT(*back->files(), IsEmpty());
+  EXPECT_TRUE(archive.expired());
+  EXPECT_THAT(*back->files(), IsEmpty());
+}
+
 TEST_F(ScanArchive, decodedRecordTellsNoObserver) {
   std::atomic<int> told = 0;
   auto back = decoded(*scan());
