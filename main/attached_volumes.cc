@@ -75,7 +75,12 @@ std::vector<std::string> AttachedVolumes::foldersToAttach() const {
 }
 
 ZQRemovableDeviceCenter& AttachedVolumes::center() {
-  if (!center_) center_ = std::make_unique<ZQRemovableDeviceCenter>(host_);
+  if (center_) return *center_;
+  // A device looks for its volume as soon as it is told, when `paths_` does not have it yet.
+  const ports::Host host{host_.disks, host_.keychain, host_.desktop,      host_.tools,  host_.mainQueue,
+                         diskFiles_,  host_.archives, host_.defaults,     host_.bundle, host_.dates,
+                         host_.user,  host_.log,      host_.notifications};
+  center_ = std::make_unique<ZQRemovableDeviceCenter>(host);
   return *center_;
 }
 
@@ -124,7 +129,7 @@ void AttachedVolumes::attachFolders() {
 base::Result<cli::Device> AttachedVolumes::attach(const std::string& folder) {
   const auto isThere = [&](const cli::Device& device) {
     std::error_code none;
-    return device->mounted() && fs::equivalent(place(*device), folder, none);
+    return fs::equivalent(place(*device), folder, none);
   };
   std::error_code none;
   const auto identity = platform::embedded::identifyFolder(fs::canonical(folder, none));
@@ -143,14 +148,17 @@ base::Result<cli::Device> AttachedVolumes::attach(const std::string& folder) {
   return base::Error{"\"" + folder + "\": " + (waited ? "the folder is gone" : "it was interrupted")};
 }
 
+bool AttachedVolumes::isDescribed(const ZQRemovableDevice& volume) const {
+  return std::ranges::any_of(described_, [&](const cli::Device& device) { return device.get() == &volume; });
+}
+
 cli::Agent* AttachedVolumes::agentOf(const ZQRemovableDevice& volume) {
-  const bool isDescribed =
-      std::ranges::any_of(described_, [&](const cli::Device& device) { return device.get() == &volume; });
-  return areAgents_ && isDescribed ? &agent_ : nullptr;
+  return areAgents_ && isDescribed(volume) ? &agent_ : nullptr;
 }
 
 std::string AttachedVolumes::place(const ZQRemovableDevice& volume) {
-  return volume.mounted() ? paths_.hostPath("/Volumes/" + volume.name()) : "";
+  const bool isMounted = volume.mounted() || !isDescribed(volume);
+  return isMounted ? paths_.hostPath("/Volumes/" + volume.name()) : "";
 }
 
 bool AttachedVolumes::holds(const ZQRemovableDevice& volume, const std::string& path) {
