@@ -225,6 +225,9 @@ base::Result<std::unique_ptr<image::Volume>> openVolume(const Arguments& argumen
                                                         image::Volume::Options options = {}) {
   auto opened = openImage(arguments.operands()[0], arguments, host);
   if (!opened) return opened.error();
+  const auto holdsVolume = [](const auto& partition) { return partition.hfsPlus.has_value(); };
+  if (std::ranges::count_if((*opened)->partitions(), holdsVolume) > 1)
+    host.error << "hdiutil: the image holds more than one HFS+ volume; this is the first\n";
   return image::Volume::open(std::move(*opened), options);
 }
 

@@ -53,6 +53,7 @@ class Reading:
     def list(self):
         status, out, said = self.run("list", "-plist", self.image)
         require(status == 0 and b"<dict>" in out and "failed" not in said, f"list: {said}")
+        require(self.variant.noted in said, f"list: {said}")
 
     def compare_extract(self):
         folder = os.path.join(self.scratch, "out")

@@ -10,8 +10,9 @@ import udif
 
 # expected: path to hfs.Item, or None where the image must be refused. refused: part of the refusal; with something
 # expected, of its extraction alone. volume: the HFS+
-# volume alone, for judges. unverified: part of what verify says of an image that can be read nonetheless.
-Variant = collections.namedtuple("Variant", "name image expected refused volume password unverified judged")
+# volume alone, for judges. unverified: part of what verify says of an image that can be read nonetheless. noted: part
+# of what list says beside.
+Variant = collections.namedtuple("Variant", "name image expected refused volume password unverified judged noted", defaults=[""])
 
 VARIANTS = {}
 
@@ -393,7 +394,7 @@ def apfs():
 def two_volumes():
     v = small()
     disk, regions = disks.guid([(disks.HFS, "First", v.make()), (disks.HFS, "Second", small(name="Second").make())])
-    return result(udif.image(disk, regions), v, judged=False)
+    return result(udif.image(disk, regions), v, judged=False)._replace(noted="more than one HFS+ volume")
 
 
 # Images.
