@@ -11,6 +11,7 @@ using base::PropertyList;
 
 constexpr const char* kTool = "/usr/bin/hdiutil";
 constexpr std::string_view kAuthentication = "Authentication error";
+constexpr std::string_view kNoSuchItem = "there is no such item in the image";
 
 bool isRefusedPassword(const std::string& text) {
   const auto problem = problemIn(text);
@@ -102,7 +103,9 @@ Expected<PropertyList::Array> ImageTool::list(const Backup& backup) {
 
 std::optional<Problem> ImageTool::extract(const Backup& backup, const std::vector<std::string>& paths,
                                           const std::string& folder) {
-  return runToEnd(backup, {"extract", {"-to", operand(folder)}, paths, "Extracting from"});
+  auto problem = runToEnd(backup, {"extract", {"-to", operand(folder)}, paths, "Extracting from"});
+  if (problem && problem->text.ends_with(kNoSuchItem)) problem->exit = Exit::notFound;
+  return problem;
 }
 
 Expected<PropertyList::Array> ImageTool::compare(const Backup& backup, const std::string& folder) {

@@ -19,6 +19,7 @@ class ImageTool {
   std::optional<Problem> verify(const Backup& backup);
   // The items in the image, or those at and below a path: dictionaries of path, kind, size, ...
   Expected<base::PropertyList::Array> list(const Backup& backup);
+  // Exit::notFound when one of the paths is not in the image.
   std::optional<Problem> extract(const Backup& backup, const std::vector<std::string>& paths,
                                  const std::string& folder);
   // What differs in a folder: dictionaries of path, change, what.

@@ -130,7 +130,7 @@ Expected<std::string> Session::run(const std::string& activity, const ports::Too
 
 Expected<Device> Session::volume(const std::string& nameOrFolder) {
   auto device = attachedVolume(nameOrFolder);
-  if (device && !(*device)->mounted())
+  if (device && around_.volumes.place(**device).empty())
     return Problem{Exit::notFound, "\"" + (*device)->name() + "\" is not mounted"};
   return device;
 }

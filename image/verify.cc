@@ -62,14 +62,16 @@ base::Result<void> checkSectors(const udif::Image& image) {
 }  // namespace
 
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
-                                           const std::atomic<bool>* cancelled, const udif::RunSums* known) {
+                                           const std::atomic<bool>* cancelled, const udif::RunSums* known,
+                                           udif::Progress* progress) {
   const udif::Image* const udif = image.udif();
   if (udif == nullptr && !image.hfsPlusVolume())
     return base::Error{"it has neither checksums nor an HFS+ volume that could be checked"};
   if (udif == nullptr) return checkVolumes(image);
   if (workers == 0) workers = os::processors();
   if (auto placed = checkSectors(*udif); !placed) return placed.error();
-  if (auto sums = udif::verifyChecksums(*udif, {.workers = workers, .cancelled = cancelled, .known = known});
+  if (auto sums = udif::verifyChecksums(
+          *udif, {.workers = workers, .cancelled = cancelled, .known = known, .progress = progress});
       !sums)
     return sums.error();
   return checkVolumes(image);

@@ -9,10 +9,11 @@
 namespace image {
 
 // Checks every checksum of an image (a disk without a trailer has none) and the structure of each HFS+ volume
-// in it; gives their files and folders. workers: 0 for one for each processor. cancelled and known (see
-// udif::VerifyOptions) may be null.
+// in it; gives their files and folders. workers: 0 for one for each processor. cancelled, known and
+// progress (see udif::VerifyOptions) may be null; progress is that of the checksums.
 base::Result<hfs::VolumeCounts> checkImage(const OpenedImage& image, unsigned workers,
                                            const std::atomic<bool>* cancelled,
-                                           const udif::RunSums* known = nullptr);
+                                           const udif::RunSums* known = nullptr,
+                                           udif::Progress* progress = nullptr);
 
 }  // namespace image

@@ -9,7 +9,7 @@
 namespace tools {
 
 const std::string_view kInspectUsage =
-    "       hdiutil verify [-stdinpass] [-verbose] IMAGE\n"
+    "       hdiutil verify [-stdinpass] [-verbose] [-puppetstrings] IMAGE\n"
     "       hdiutil imageinfo [-stdinpass] [-plist] IMAGE\n";
 
 namespace {
@@ -66,15 +66,23 @@ base::PropertyList::Dictionary describe(const image::OpenedImage& image) {
   return description;
 }
 
+base::Result<image::hfs::VolumeCounts> checkShowingProgress(const image::OpenedImage& image,
+                                                            const Arguments& arguments,
+                                                            const HdiutilHost& host) {
+  image::udif::Progress progress;
+  const auto display = showProgress(arguments, progress, host);
+  return image::checkImage(image, 0, &host.cancelled, nullptr, &progress);
+}
+
 }  // namespace
 
 int verify(const std::vector<std::string>& given, const HdiutilHost& host) {
-  const auto arguments =
-      Arguments::parse(given, 1, {.withValue = {}, .alone = {"-plist", "-verbose", "-stdinpass"}});
+  const auto arguments = Arguments::parse(
+      given, 1, {.withValue = {}, .alone = {"-plist", "-puppetstrings", "-verbose", "-stdinpass"}});
   if (!arguments) return fail(host, "verify", arguments.error().message, kNotUnderstood);
   const auto image = openImage(*arguments, host);
   if (!image) return fail(host, "verify", image.error().message);
-  const auto counts = image::checkImage(**image, 0, &host.cancelled);
+  const auto counts = checkShowingProgress(**image, *arguments, host);
   if (!counts) return fail(host, "verify", counts.error().message);
   const std::string& path = arguments->operands()[0];
   host.error << "hdiutil: verify: checksum of \"" << path << "\" is VALID\n";

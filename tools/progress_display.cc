@@ -60,7 +60,7 @@ ProgressDisplay::~ProgressDisplay() {
   thread_.request_stop();
   thread_.join();
   show();
-  if (style_ == Style::bar) out_ << "\n";
+  if (style_ == Style::bar && progress_.sectorsTotal > 0) out_ << "\n";
 }
 
 void ProgressDisplay::show() {

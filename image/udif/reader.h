@@ -10,6 +10,7 @@
 #include "base/result.h"
 #include "image/crypt/container.h"
 #include "image/udif/format.h"
+#include "image/udif/progress.h"
 #include "image/udif/run_sums.h"
 
 namespace image::udif {
@@ -92,6 +93,7 @@ struct VerifyOptions {
   const std::atomic<bool>* cancelled = nullptr;
   // Of runs that have been read from disk already and are not read again; may be null.
   const RunSums* known = nullptr;
+  Progress* progress = nullptr;
 };
 
 // Reads every stored byte of the image and compares all checksums that it has with what is there.

@@ -23,6 +23,10 @@ class Summing {
     for (const BlockTable& table : image.tables())
       for (const Run& run : table.runs) jobs_.push_back({&table, &run});
     sums_.resize(jobs_.size());
+    if (options_.progress == nullptr) return;
+    std::uint64_t sectors = 0;
+    for (const Job& job : jobs_) sectors += job.run->sectorCount;
+    options_.progress->sectorsTotal = sectors;
   }
 
   base::Result<void> run() {
@@ -47,6 +51,7 @@ class Summing {
       auto summed = sum(jobs_[at], summer);
       if (summed) {
         sums_[at] = *summed;
+        if (options_.progress != nullptr) options_.progress->sectorsDone += jobs_[at].run->sectorCount;
         continue;
       }
       const std::lock_guard lock(mutex_);

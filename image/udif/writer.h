@@ -13,16 +13,10 @@
 #include "image/block/partitioned_disk.h"
 #include "image/codec/decompressor.h"
 #include "image/codec/zlib_codec.h"
+#include "image/udif/progress.h"
 #include "image/udif/run_sums.h"
 
 namespace image::udif {
-
-// Counts that grow while an image is written; whoever shows them looks whenever it likes.
-struct Progress {
-  std::atomic<std::uint64_t> sectorsDone = 0;
-  std::atomic<std::uint64_t> sectorsTotal = 0;
-  std::atomic<std::uint64_t> bytesStored = 0;
-};
 
 struct WriteOptions {
   // Zlib or bzip2. nullopt: every chunk that is not all zeros is stored as it is.

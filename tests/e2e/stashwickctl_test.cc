@@ -265,8 +265,8 @@ TEST_F(Ctl, saysThatThereIsNoKeychain) {
 TEST_F(Ctl, completesWordsInBash) {
   backUpStick();
   const auto completed = shell(std::string("PATH=\"$(dirname '") + CTL_PROGRAM +
-                               "'):$PATH\" bash -c 'source " PACKAGING_FOLDER
-                               "/completions/stashwickctl.bash\n"
+                               "'):$PATH\" bash -c 'source \"" PACKAGING_FOLDER
+                               "/completions/stashwickctl.bash\"\n"
                                "COMP_WORDS=(stashwickctl files ST) COMP_CWORD=2\n"
                                "_stashwickctl; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
   EXPECT_EQ(completed.output, "STICK/1\nSTICK/latest\n") << completed.errors;
@@ -274,7 +274,7 @@ TEST_F(Ctl, completesWordsInBash) {
 
 TEST_F(Ctl, hasAManualWithoutFaults) {
   const auto checked =
-      shell("man --warnings -E UTF-8 -l -Tutf8 " PACKAGING_FOLDER "/man/stashwickctl.1 >/dev/null");
+      shell("man --warnings -E UTF-8 -l -Tutf8 '" PACKAGING_FOLDER "/man/stashwickctl.1' >/dev/null");
   EXPECT_EQ(checked.status, 0);
   EXPECT_EQ(checked.errors, "");
 }
