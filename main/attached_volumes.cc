@@ -75,12 +75,7 @@ std::vector<std::string> AttachedVolumes::foldersToAttach() const {
 }
 
 ZQRemovableDeviceCenter& AttachedVolumes::center() {
-  if (center_) return *center_;
-  // A device looks for its volume as soon as it is told, when `paths_` does not have it yet.
-  const ports::Host host{host_.disks, host_.keychain, host_.desktop,      host_.tools,  host_.mainQueue,
-                         diskFiles_,  host_.archives, host_.defaults,     host_.bundle, host_.dates,
-                         host_.user,  host_.log,      host_.notifications};
-  center_ = std::make_unique<ZQRemovableDeviceCenter>(host);
+  if (!center_) center_ = std::make_unique<ZQRemovableDeviceCenter>(host_);
   return *center_;
 }
 

@@ -12,7 +12,6 @@
 #include "platform/embedded/embedded_disks.h"
 #include "platform/posix/main_loop.h"
 #include "platform/posix/path_map.h"
-#include "platform/posix/posix_files.h"
 #include "ports/host.h"
 
 // The volumes that the agent would list: as the agent of this session knows them; where none runs, the
@@ -25,13 +24,7 @@ class AttachedVolumes : public cli::Volumes {
   // volume stays where it was when it was attached: a restore may remove its folder and make it anew.
   AttachedVolumes(const ports::Host& host, platform::posix::MainLoop& loop, platform::posix::PathMap& paths,
                   const platform::posix::PathMap& diskPaths, platform::embedded::EmbeddedDisks& disks)
-      : host_(host),
-        loop_(loop),
-        paths_(paths),
-        diskPaths_(diskPaths),
-        diskFiles_(diskPaths),
-        disks_(disks),
-        agent_(loop) {}
+      : host_(host), loop_(loop), paths_(paths), diskPaths_(diskPaths), disks_(disks), agent_(loop) {}
 
   base::Result<void> lookIn(const std::string& folder) override;
   std::vector<cli::Device> attached() override;
@@ -56,7 +49,6 @@ class AttachedVolumes : public cli::Volumes {
   platform::posix::MainLoop& loop_;
   platform::posix::PathMap& paths_;
   const platform::posix::PathMap& diskPaths_;
-  platform::posix::PosixFiles diskFiles_;
   platform::embedded::EmbeddedDisks& disks_;
   RunningAgent agent_;
   std::optional<std::string> volumesFolder_;
