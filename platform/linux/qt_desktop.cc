@@ -169,7 +169,7 @@ void QtDesktop::choose(const std::shared_ptr<ports::MenuItem>& item) {
 }
 
 void QtDesktop::playSound(const std::string& resourceName) {
-  const auto path = around_.bundle.pathForResource(resourceName, "wav");
+  const auto path = around_.bundle.pathForResource(resourceName, "");
   if (path) sounds_.play(around_.paths.hostPath(*path));
 }
 

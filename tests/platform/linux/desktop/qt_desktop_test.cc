@@ -20,9 +20,15 @@ namespace {
 using platform::freedesktop::QtDesktop;
 using platform::freedesktop::QtMainQueue;
 
-class NoResources : public ports::Bundle {
+// Has one resource.
+class AlertSound : public ports::Bundle {
  public:
-  std::optional<std::string> pathForResource(std::string_view, std::string_view) override { return {}; }
+  static constexpr const char* kPath = "/resources/Alert.wav";
+
+  std::optional<std::string> pathForResource(std::string_view name, std::string_view type) override {
+    const std::string file = std::string(name) + (type.empty() ? "" : ".") + std::string(type);
+    return file == "Alert.wav" ? std::optional(kPath) : std::nullopt;
+  }
   std::string localizedString(std::string_view key) override { return std::string(key); }
 };
 
@@ -63,6 +69,7 @@ class QtFixture {
     once([this](QMessageBox&) { desktop_.close(); });
   }
   std::string panelText() const { return panelText_; }
+  std::vector<std::string> logLines() const { return log_.lines(); }
 
   std::vector<std::string> menuTitles() {
     std::vector<std::string> titles;
@@ -110,7 +117,7 @@ class QtFixture {
   Application application_;
   QtMainQueue queue_;
   platform::posix::PathMap paths_{"/tools", "/volumes"};
-  NoResources bundle_;
+  AlertSound bundle_;
   RecordingLog log_;
   bool terminateRequested_ = false;
   std::string panelText_;
@@ -119,6 +126,22 @@ class QtFixture {
                      [this] { terminateRequested_ = true; }};
 };
 INSTANTIATE_TYPED_TEST_SUITE_P(Qt, DesktopContract, QtFixture);
+
+// Sounds without a way to play them: what cannot be played is logged.
+class QtSound : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { ::setenv("CANBERRA_DRIVER", "there is none", 1); }
+  static void TearDownTestSuite() { ::unsetenv("CANBERRA_DRIVER"); }
+
+  QtFixture fixture;
+};
+
+TEST_F(QtSound, isTheResourceOfItsWholeName) {
+  fixture.desktop().playSound("Missing.wav");
+  fixture.desktop().playSound("Alert.wav");
+  fixture.runUntil([this] { return !fixture.logLines().empty(); });
+  EXPECT_THAT(fixture.logLines(), testing::ElementsAre(testing::HasSubstr(AlertSound::kPath)));
+}
 
 // A box that is open, and what a test looks at in it.
 class QtAlert : public testing::Test {
