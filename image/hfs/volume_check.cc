@@ -114,7 +114,6 @@ class Check {
     for (const std::uint64_t at :
          {std::uint64_t{0}, std::uint64_t{512}, kHeaderAt, alternateAt_, alternateAt_ + 512})
       if (at < end) used_[at / header_.blockBytes] = true;
-    firstSpareBlock_ = alternateAt_ < end ? end / header_.blockBytes : (end - 1024) / header_.blockBytes;
     return {};
   }
 
@@ -367,6 +366,7 @@ class Check {
     return {};
   }
 
+  // That nothing uses a block which is marked harms nobody, and some makers mark all blocks of a full volume.
   base::Result<void> checkAllocation() {
     auto extents = claim(kAllocationFileID, kDataFork, header_.allocation);
     if (!extents) return extents.error();
@@ -386,8 +386,9 @@ class Check {
           return base::Error{"the allocation file cannot be read"};
       }
       const bool marked = (piece[at] >> (7 - block % 8) & std::byte{1}) != std::byte{0};
-      if (marked != used_[block] && (used_[block] || block < firstSpareBlock_))
-        return base::Error{"the allocation file is wrong about block " + std::to_string(block)};
+      if (used_[block] && !marked)
+        return base::Error{"the allocation file has block " + std::to_string(block) +
+                           ", which is used, as free"};
       if (!marked) ++freeBlocks;
     }
     if (freeBlocks != header_.freeBlocks)
@@ -401,9 +402,6 @@ class Check {
   VolumeHeader header_;
   std::uint64_t alternateAt_ = 0;
   std::vector<bool> used_;
-  // From here on some makers mark what none uses: the last blocks, where the alternate header lies behind
-  // them.
-  std::uint64_t firstSpareBlock_ = 0;
   // Extents beyond the eighth, by file and fork; whoever claims them takes them out.
   std::map<std::pair<std::uint32_t, std::uint8_t>, std::vector<Extent>> overflow_;
 

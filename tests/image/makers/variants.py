@@ -1,7 +1,10 @@
 """Images as makers other than ours write them, each with what a reader must find in it, or what it must say."""
 import collections
+import os
 import random
 import struct
+import subprocess
+import tempfile
 import unicodedata
 
 import disks
@@ -482,3 +485,32 @@ def container_of_other_blocks():
     raw = bytearray(udif.container(small().make(), ["x"], block=4096))
     raw[52:56] = struct.pack(">I", 24)
     return result(bytes(raw), refused="blocks of 24 bytes", password="x", judged=False)
+
+
+# What other programs write.
+
+@variant
+def hybrid_of_xorriso():
+    """A volume beside an ISO 9660 one, in an Apple partition map. Of 8n blocks its allocation file lacks the last 8."""
+    with tempfile.TemporaryDirectory() as scratch:
+        source = os.path.join(scratch, "source")
+        os.makedirs(os.path.join(source, "folder/empty"))
+        expected = {"folder": None, "folder/empty": None, "text": text(8000), "folder/noise": noise(70_000),
+                    "Grüße": b"names", "folder/none": b""}
+        for path, data in expected.items():
+            if data is not None:
+                with open(os.path.join(source, path), "wb") as out:
+                    out.write(data)
+        for path in expected:
+            os.chmod(os.path.join(source, path), 0o755)
+            os.utime(os.path.join(source, path), (hfs.DATE, hfs.DATE))
+        disk = os.path.join(scratch, "disk.iso")
+        subprocess.run(["xorriso", "-as", "mkisofs", "-quiet", "-hfsplus", "-V", "Made", "-o", disk, source], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        with open(disk, "rb") as file:
+            raw = file.read()
+    v = hfs.Volume()
+    for path, data in expected.items():
+        untyped = {} if data is None else {"user.com.apple.FinderInfo": b"????????".ljust(32, b"\0")}
+        v.expected[path] = hfs.Item("folder" if data is None else "file", data, 0o755, hfs.DATE, untyped)
+    return result(raw, v, judged=False)
