@@ -27,6 +27,14 @@ TYPED_TEST_P(BundleContract, findsAResourceByNameAndType) {
   EXPECT_EQ(this->fixture.contentsOf(*path), "contents");
 }
 
+TYPED_TEST_P(BundleContract, findsAResourceByItsWholeNameWithoutAType) {
+  this->fixture.add("Alert", "wav", "a sound");
+  const auto path = this->fixture.bundle().pathForResource("Alert.wav", "");
+  ASSERT_TRUE(path.has_value());
+  EXPECT_EQ(this->fixture.contentsOf(*path), "a sound");
+  EXPECT_EQ(this->fixture.bundle().pathForResource("Alert.wav", "wav"), std::nullopt);
+}
+
 TYPED_TEST_P(BundleContract, findsNoResourceThatIsNotThere) {
   this->fixture.add("Defaults", "plist", "contents");
   EXPECT_EQ(this->fixture.bundle().pathForResource("Defaults", "txt"), std::nullopt);
@@ -43,7 +51,8 @@ TYPED_TEST_P(BundleContract, givesTheKeyWhereThereIsNoText) {
   EXPECT_EQ(this->fixture.bundle().localizedString("Never heard of"), "Never heard of");
 }
 
-REGISTER_TYPED_TEST_SUITE_P(BundleContract, findsAResourceByNameAndType, findsNoResourceThatIsNotThere,
+REGISTER_TYPED_TEST_SUITE_P(BundleContract, findsAResourceByNameAndType,
+                            findsAResourceByItsWholeNameWithoutAType, findsNoResourceThatIsNotThere,
                             translates, givesTheKeyWhereThereIsNoText);
 
 }  // namespace contract
