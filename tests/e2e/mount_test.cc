@@ -40,14 +40,14 @@ class MountTool : public AgentWorld {
   }
   void create() { run(hdiutil + " create -volname STICK-Backup -srcfolder STICK STICK.dmg"); }
 
-  const std::string hdiutil =
-      fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick/hdiutil";
+  const std::string tool = fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick/hdiutil";
+  const std::string hdiutil = "'" + tool + "'";
   const std::string mountPoint = dataHome + "/stashwick/Volumes/STICK-Backup";
 };
 
 TEST_F(MountTool, asksForThePasswordAtATerminalWithoutShowingIt) {
   createEncrypted();
-  Program program({hdiutil, "mount", "STICK.dmg"}, {{"XDG_DATA_HOME", dataHome}}, temporary.path(),
+  Program program({tool, "mount", "STICK.dmg"}, {{"XDG_DATA_HOME", dataHome}}, temporary.path(),
                   Program::Screen::terminal);
   program.expect("Password of the image: ");
   program.type("pass word\n");

@@ -145,7 +145,7 @@ class Restore : public AgentWorld {
 
   const std::string stick = temporary / "STICK";
   const std::string toolsFolder = fs::path(AGENT_PROGRAM).parent_path().parent_path() / "libexec/stashwick";
-  const std::string hdiutil = toolsFolder + "/hdiutil";
+  const std::string hdiutil = "'" + toolsFolder + "/hdiutil'";
   const std::string volumes = dataHome + "/stashwick/Volumes";
   const std::string mountPoint = volumes + "/STICK-Backup";
   RecordingLog log;

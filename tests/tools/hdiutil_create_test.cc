@@ -324,8 +324,9 @@ TEST_P(HdiutilEncrypted, opensWithThePasswordInProgramsThatAreNotOurs) {
   ASSERT_EQ(run.status, 0) << run.error;
   EXPECT_THAT(readFile(image), Not(HasSubstr("koly")));
   scratch.write("password", password);
-  const auto opened = runShell("python3 " TEST_FOLDER "/decrypt_container.py " + shellWord(image) + " " +
-                               shellWord(scratch / "password") + " " + shellWord(scratch / "plain.dmg"));
+  const auto opened =
+      runShell("python3 " + shellWord(TEST_FOLDER "/decrypt_container.py") + " " + shellWord(image) + " " +
+               shellWord(scratch / "password") + " " + shellWord(scratch / "plain.dmg"));
   ASSERT_EQ(opened.status, 0) << opened.output;
   EXPECT_EQ(opened.output, GetParam().substr(4) + "\n");
   image = scratch / "plain.dmg";
@@ -336,12 +337,12 @@ TEST_P(HdiutilEncrypted, opensWithThePasswordInProgramsThatAreNotOurs) {
 INSTANTIATE_TEST_SUITE_P(Methods, HdiutilEncrypted, testing::Values("AES-128", "AES-256"));
 
 TEST_F(HdiutilCreate, readsThePasswordUpToTheNUL) {
-  const auto run = runShell("printf 'secret\\0\\n' | " HDIUTIL_PROGRAM " create -srcfolder " +
+  const auto run = runShell("printf 'secret\\0\\n' | " + shellWord(HDIUTIL_PROGRAM) + " create -srcfolder " +
                             shellWord(source) + " " + shellWord(image) + " -encryption AES-128 -stdinpass");
   ASSERT_EQ(run.status, 0) << run.output;
   scratch.write("password", "secret");
-  EXPECT_EQ(runShell("python3 " TEST_FOLDER "/decrypt_container.py " + shellWord(image) + " " +
-                     shellWord(scratch / "password") + " /dev/null")
+  EXPECT_EQ(runShell("python3 " + shellWord(TEST_FOLDER "/decrypt_container.py") + " " + shellWord(image) +
+                     " " + shellWord(scratch / "password") + " /dev/null")
                 .output,
             "128\n");
 }
@@ -350,8 +351,9 @@ class HdiutilKilled : public HdiutilCreate {
  protected:
   // Ends with the signal after so many seconds.
   ProgramResult createUntil(const std::string& signal, double seconds) {
-    return runShell("exec timeout --preserve-status -s " + signal + " " + std::to_string(seconds) +
-                    " " HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " + shellWord(image));
+    return runShell("exec timeout --preserve-status -s " + signal + " " + std::to_string(seconds) + " " +
+                    shellWord(HDIUTIL_PROGRAM) + " create -srcfolder " + shellWord(source) + " " +
+                    shellWord(image));
   }
 };
 
@@ -449,8 +451,8 @@ TEST_F(HdiutilRefusal, stopsWhenItIsInterrupted) {
 
 TEST_F(HdiutilRefusal, failsWhenTheFileMayNotGrow) {
   write("noise", noise(3'000'000, 2));
-  const auto run = runShell("ulimit -f 64; exec " HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) +
-                            " " + shellWord(image));
+  const auto run = runShell("ulimit -f 64; exec " + shellWord(HDIUTIL_PROGRAM) + " create -srcfolder " +
+                            shellWord(source) + " " + shellWord(image));
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.output, "hdiutil: create failed - cannot write " + image + ": File too large\n");
   EXPECT_THAT(leftovers(), IsEmpty());
@@ -462,10 +464,10 @@ class HdiutilOnASmallDisk : public HdiutilRefusal {
   ProgramResult createThere(const std::string& options = "") {
     fs::create_directories(small);
     return runShell("exec unshare -rm sh -c " +
-                    shellWord("mount -t tmpfs -o size=1m tmpfs " + shellWord(small) +
-                              " && " HDIUTIL_PROGRAM " create -volname V -srcfolder " + shellWord(source) +
-                              " " + shellWord(small + "/out.dmg") + options + "; status=$?; ls -A " +
-                              shellWord(small) + "; exit $status"));
+                    shellWord("mount -t tmpfs -o size=1m tmpfs " + shellWord(small) + " && " +
+                              shellWord(HDIUTIL_PROGRAM) + " create -volname V -srcfolder " +
+                              shellWord(source) + " " + shellWord(small + "/out.dmg") + options +
+                              "; status=$?; ls -A " + shellWord(small) + "; exit $status"));
   }
 
   std::string small = scratch / "small";
@@ -494,21 +496,24 @@ TEST_F(HdiutilOnASmallDisk, failsWhenItIsFullAfterAll) {
             "hdiutil: create failed - cannot write " + small + "/out.dmg: No space left on device\n");
 }
 
-// As a user who may not read everything.
-std::string asNobody() {
-  return ::getuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+// The tool as a user who may not read everything, which is perhaps not even the folder that it was built in.
+std::string asNobody(const ScratchFolder& programs) {
+  const std::string tool = programs / "hdiutil";
+  fs::permissions(programs.path(), fs::perms::all);
+  fs::copy_file(HDIUTIL_PROGRAM, tool);
+  return (::getuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "") + shellWord(tool);
 }
 
 TEST_F(HdiutilCreate, leavesOutWhatMayNotBeReadWhenAskedTo) {
   const auto secret = write("secret", "content");
   const auto closed = write("closed/inside", "content");
   write("open", "content");
+  const ScratchFolder programs;
   fs::permissions(scratch.path(), fs::perms::all);
   fs::permissions(secret, fs::perms::none);
   fs::permissions(source + "/closed", fs::perms::none);
-  const auto run =
-      runShell(asNobody() + HDIUTIL_PROGRAM " create -skipunreadable -volname Stick-Backup -srcfolder " +
-               shellWord(source) + " " + shellWord(image));
+  const auto run = runShell(asNobody(programs) + " create -skipunreadable -volname Stick-Backup -srcfolder " +
+                            shellWord(source) + " " + shellWord(image));
   fs::permissions(source + "/closed", fs::perms::all);
   EXPECT_EQ(run.status, 0);
   EXPECT_THAT(run.output,
@@ -520,10 +525,11 @@ TEST_F(HdiutilCreate, leavesOutWhatMayNotBeReadWhenAskedTo) {
 
 TEST_F(HdiutilRefusal, namesAFileThatMayNotBeRead) {
   const auto secret = write("secret", "content");
+  const ScratchFolder programs;
   fs::permissions(scratch.path(), fs::perms::all);
   fs::permissions(secret, fs::perms::none);
-  const auto run = runShell(asNobody() + HDIUTIL_PROGRAM " create -srcfolder " + shellWord(source) + " " +
-                            shellWord(image));
+  const auto run =
+      runShell(asNobody(programs) + " create -srcfolder " + shellWord(source) + " " + shellWord(image));
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.output, "hdiutil: create failed - cannot read " + secret + ": Permission denied\n");
   EXPECT_THAT(leftovers(), IsEmpty());

@@ -138,8 +138,8 @@ class FolderInItself : public testing::Test {
   ProgramResult create(const std::string& options = "") const {
     return runShell("exec unshare -rm sh -c " +
                     shellWord("mount --bind " + shellWord(source) + " " + shellWord(loop) +
-                              " && FAULT_NO_MOUNT_ROOT=1 LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM
-                              " create -volname V -srcfolder " +
+                              " && FAULT_NO_MOUNT_ROOT=1 LD_PRELOAD=" + failingCalls(scratch) + " exec " +
+                              shellWord(HDIUTIL_PROGRAM) + " create -volname V -srcfolder " +
                               shellWord(source) + " " + shellWord(scratch / "out.dmg") + options));
   }
 

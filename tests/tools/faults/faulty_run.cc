@@ -13,6 +13,12 @@ std::ostream& operator<<(std::ostream& out, Naming naming) {
   return out << (naming == Naming::hidden ? "hidden" : "nameless");
 }
 
+std::string failingCalls(const ScratchFolder& scratch) {
+  const std::filesystem::path link = scratch / "failing_calls";
+  if (!std::filesystem::is_symlink(link)) std::filesystem::create_symlink(FAILING_CALLS, link);
+  return link;
+}
+
 FaultyRuns::FaultyRuns(Naming naming, std::string password)
     : naming_(naming), password_(std::move(password)) {
   scratch_.write("password", password_);
@@ -39,9 +45,8 @@ std::string FaultyRuns::commandLine(const Fault& fault, const std::string& optio
             (fault.place ? " FAULT_PLACE=" + std::to_string(*fault.place)
                          : " FAULT_AT=" + std::to_string(fault.at)) +
             " FAULT_KIND=" + fault.kind + (fault.lasts ? " FAULT_LASTS=1" : "");
-  return line +
-         " LD_PRELOAD=" FAILING_CALLS " exec " HDIUTIL_PROGRAM " create -fs HFS+ -volname V -srcfolder " +
-         source() + " " + image() + options;
+  return line + " LD_PRELOAD=" + failingCalls(scratch_) + " exec " + shellWord(HDIUTIL_PROGRAM) +
+         " create -fs HFS+ -volname V -srcfolder " + source() + " " + image() + options;
 }
 
 std::string FaultyRuns::commandLine(const Fault& fault) const {

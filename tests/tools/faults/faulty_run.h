@@ -29,6 +29,9 @@ struct ImageRead {
 enum class Naming { nameless, hidden };
 std::ostream& operator<<(std::ostream& out, Naming naming);
 
+// Where to load the library from in which system calls fail; LD_PRELOAD takes no path with a blank.
+std::string failingCalls(const ScratchFolder& scratch);
+
 // Runs of the real tool over a small folder, in an environment where system calls fail.
 class FaultyRuns {
  public:
