@@ -1,6 +1,9 @@
 #include <algorithm>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <random>
+#include <unistd.h>
 #include <vector>
 
 #include "image/create.h"
@@ -97,6 +100,14 @@ class Flips : public testing::Test {
     whole = *std::move(opened);
     listOffset = whole->udif()->trailer().propertyListOffset;
     trailerOffset = plain.size() - udif::kTrailerBytes;
+  }
+  // Dates and identifiers in the image are others in every run.
+  void TearDown() override {
+    if (!HasFailure()) return;
+    const std::string kept = testing::TempDir() + "flips-" + std::to_string(::getpid()) + ".dmg";
+    std::ofstream(kept, std::ios::binary)
+        .write(reinterpret_cast<const char*>(plain.data()), std::ssize(plain));
+    std::cout << "the image is kept as " << kept << "\n";
   }
   // White space of the property list, the names of its entries and what else only describes has no meaning
   // either; whether the tables are the same shows that it was nothing else.
