@@ -8,6 +8,7 @@
 #include <QMap>
 #include <QStringList>
 #include <QVariantMap>
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <utility>
@@ -19,6 +20,9 @@ namespace {
 
 constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
+constexpr const char* kLocal = "org.freedesktop.DBus.Local";
+constexpr const char* kLocalPath = "/org/freedesktop/DBus/Local";
+constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr const char* kName = "org.freedesktop.UDisks2";
 constexpr const char* kRoot = "/org/freedesktop/UDisks2";
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
@@ -112,6 +116,34 @@ class Call : public QDBusPendingCallWatcher {
   const std::function<void(const QDBusMessage&)> replied;
 };
 
+struct SignalMatch {
+  QString sender;
+  QString path;
+  QString interface;
+  QString name;
+  QStringList arguments;
+  const char* slot;
+};
+
+// Signals are taken from every sender and sifted later: to name the sender would make QtDBus wait for the
+// bus.
+std::vector<SignalMatch> signalMatches() {
+  std::vector<SignalMatch> matches = {
+      {{}, kLocalPath, kLocal, "Disconnected", {}, SLOT(disconnected(QDBusMessage))},
+      {kBusName, kBusPath, kBusName, "NameOwnerChanged", {kName}, SLOT(nameOwnerChanged(QDBusMessage))},
+      {{}, kRoot, kObjectManager, "InterfacesAdded", {}, SLOT(interfacesAdded(QDBusMessage))},
+      {{}, kRoot, kObjectManager, "InterfacesRemoved", {}, SLOT(interfacesRemoved(QDBusMessage))}};
+  for (const auto* interface : kWatchedInterfaces) {
+    matches.push_back({{},
+                       {},
+                       kProperties,
+                       "PropertiesChanged",
+                       {QString(kPrefix) + interface},
+                       SLOT(propertiesChanged(QDBusMessage))});
+  }
+  return matches;
+}
+
 QString newConnectionName() {
   static int made = 0;
   return QString("udisks-%1").arg(++made);
@@ -155,25 +187,17 @@ void UDisksBus::connectToBus() {
   startDaemon();
 }
 
-// Signals are taken from every sender and sifted later: to name the sender would make QtDBus wait for the
-// bus.
 bool UDisksBus::subscribe() {
-  auto& bus = *connection_;
-  const QString local = "org.freedesktop.DBus.Local";
-  bool done = bus.connect({}, "/org/freedesktop/DBus/Local", local, "Disconnected", this,
-                          SLOT(disconnected(QDBusMessage)));
-  done &= bus.connect(kBusName, kBusPath, kBusName, "NameOwnerChanged", QStringList{kName}, {}, this,
-                      SLOT(nameOwnerChanged(QDBusMessage)));
-  done &=
-      bus.connect({}, kRoot, kObjectManager, "InterfacesAdded", this, SLOT(interfacesAdded(QDBusMessage)));
-  done &= bus.connect({}, kRoot, kObjectManager, "InterfacesRemoved", this,
-                      SLOT(interfacesRemoved(QDBusMessage)));
-  for (const auto* interface : kWatchedInterfaces) {
-    done &= bus.connect({}, {}, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                        QStringList{QString(kPrefix) + interface}, {}, this,
-                        SLOT(propertiesChanged(QDBusMessage)));
-  }
-  return done;
+  return std::ranges::all_of(signalMatches(), [this](const SignalMatch& match) {
+    return connection_->connect(match.sender, match.path, match.interface, match.name, match.arguments, {},
+                                this, match.slot);
+  });
+}
+
+void UDisksBus::unsubscribe() {
+  for (const auto& match : signalMatches())
+    connection_->disconnect(match.sender, match.path, match.interface, match.name, match.arguments, {}, this,
+                            match.slot);
 }
 
 void UDisksBus::startDaemon() {
@@ -222,7 +246,11 @@ void UDisksBus::takeList(const QDBusMessage& reply) {
 }
 
 void UDisksBus::lose() {
-  if (connection_) QDBusConnection::disconnectFromBus(connection_->name());
+  if (connection_) {
+    // QtDBus lets go of the connection later, on its own thread, and would look at this object there.
+    unsubscribe();
+    QDBusConnection::disconnectFromBus(connection_->name());
+  }
   connection_.reset();
   greetingAnswered_.reset();
   greeting_.reset();

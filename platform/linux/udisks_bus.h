@@ -71,6 +71,7 @@ class UDisksBus : public QObject {
   void greeted();
   void connectToBus();
   bool subscribe();
+  void unsubscribe();
   void startDaemon();
   void askBus(const char* method, const QVariantList& arguments, const Replied& replied);
   void setOwner(const QString& owner);
