@@ -66,6 +66,7 @@ class QtDesktop::StatusItem : public ports::StatusItem {
  public:
   explicit StatusItem(QtDesktop& desktop) : desktop_(desktop) {}
   ~StatusItem() override {
+    desktop_.menu_->show(std::make_shared<ports::Menu>());
     desktop_.tray_.reset();
     desktop_.menu_.reset();
   }

@@ -29,8 +29,11 @@ void StatusMenu::fill(QMenu& into, const ports::Menu& from) {
   if (!std::ranges::equal(into.actions(), from.items, fits)) {
     const auto old = into.findChildren<QMenu*>(Qt::FindDirectChildrenOnly);
     into.clear();
-    // One of them may be the one whose item has just been chosen.
-    for (QMenu* submenu : old) submenu->deleteLater();
+    for (QMenu* submenu : old) {
+      // What a panel was told of an item the toolkit drops only when the item is removed.
+      submenu->clear();
+      submenu->deleteLater();
+    }
     for (const auto& item : from.items) add(into, *item);
   }
   const auto actions = into.actions();
