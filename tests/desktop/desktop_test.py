@@ -1,8 +1,9 @@
 """The built agent on a headless desktop, from the plugged stick to the image on the disk.
 
-usage: unshare --map-root-user --mount desktop_test.py BUILD_FOLDER CLASS[.TEST]
+usage: unshare --map-root-user --mount desktop_test.py BUILD_FOLDER CLASS[.TEST] [-- PREFIX...]
 
-One class at a time: what stands for a screen reader can only ever look at one desktop.
+One class at a time: what stands for a screen reader can only ever look at one desktop. The words of the prefix come
+before the agent's in the command line that starts it.
 """
 import os
 import signal
@@ -22,6 +23,7 @@ SUPPRESSION = "Backup this volume automatically in the future"
 MENU_OF_A_FRESH_USER = ["(Last Backup: Never)", "-", "Backup ...", "  (No Devices Connected)", "Automatic Backups",
                             "-", "Quit Stashwick"]
 build_folder = None
+prefix = []
 
 
 class DesktopTest(unittest.TestCase):
@@ -30,7 +32,7 @@ class DesktopTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.desktop = cls.enterClassContext(HeadlessDesktop(panel=cls.has_panel))
-        cls.programs = Programs(build_folder, cls.desktop.folder)
+        cls.programs = Programs(build_folder, cls.desktop.folder, prefix)
 
     def setUp(self):
         self.desktop.change_user()
@@ -335,7 +337,7 @@ class MuteBus(DesktopTest):
 
     def test_of_the_session_does_not_keep_the_agent_from_asking(self):
         self.desktop.environment["DBUS_SESSION_BUS_ADDRESS"] = self.desktop.make_mute_socket()
-        agent = self.desktop.start(self.programs.agent)
+        agent = self.programs.start_agent(self.desktop)
         self.stick.plug()
         wait_for("the question", lambda: b'Stashwick' in subprocess.run(
             ["xdotool", "search", "--onlyvisible", "--name", "^Stashwick$", "getwindowname"], env=self.desktop.environment,
@@ -346,5 +348,9 @@ class MuteBus(DesktopTest):
 
 
 if __name__ == "__main__":
+    if "--" in sys.argv:
+        end = sys.argv.index("--")
+        prefix = sys.argv[end + 1:]
+        del sys.argv[end:]
     build_folder = sys.argv.pop(1)
     unittest.main(verbosity=2)

@@ -2,6 +2,7 @@
 UDisks2 and its sticks, keyring, accessibility. All of it ends with the block that it is made in, or with its process."""
 import contextlib
 import ctypes
+import itertools
 import os
 import pathlib
 import shutil
@@ -18,6 +19,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 UDISKS2_MOCK = ROOT / "tests/platform/linux/disks/udisks2_mock.py"
 PANEL = pathlib.Path(__file__).parent / "panel.xml"
 STICK_MEGABYTES = 512
+# Where the kernel says which number it has given to each disk that came.
+KERNELS_DISKS = pathlib.Path("/sys/dev/block")
 LIMIT = 300  # seconds that anything may take, beside whatever else runs; only a failure takes that long
 
 BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -42,10 +45,16 @@ FRAMES = """<openbox_config xmlns="http://openbox.org/3.4/rc">
 SERVICES = ["org.xfce.Xfconf.service", "org.a11y.Bus.service"]
 
 
+# Programs without which nothing more comes.
+watched = set()
+
+
 def wait_for(what, condition, seconds=LIMIT):
     """The condition's first true value."""
     deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
+        for program in watched:
+            assert not program.poll(), f"{program.args[0]} has ended with {program.returncode}; waited for {what}"
         # A window may go while it is being looked at.
         with contextlib.suppress(GLib.Error, LookupError, StopIteration, TypeError):
             if value := condition():
@@ -116,9 +125,9 @@ class HeadlessDesktop:
             subprocess.run(["umount", "--lazy", mounted], check=False)
         shutil.rmtree(self.folder, ignore_errors=True)
 
-    def start(self, *command, **options):
-        """Starts a program; what it says goes to a file of its name, and ends with the test."""
-        with open(self.folder / (pathlib.Path(command[0]).name + ".log"), "ab") as log:
+    def start(self, *command, name=None, **options):
+        """Starts a program; what it says goes to a file of that name, or its own, and ends with the test."""
+        with open(self.folder / f"{name or pathlib.Path(command[0]).name}.log", "ab") as log:
             options = {"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, "env": self.environment} | options
             program = subprocess.Popen([str(word) for word in command], preexec_fn=end_with_this_process, **options)
         self.programs.append(program)
@@ -133,23 +142,26 @@ class HeadlessDesktop:
         for log in sorted(self.folder.glob("*.log")):
             print(f"--- {log.name}\n{log.read_text(errors='replace')[-4000:]}", file=sys.stderr)
 
-    def log_of(self, program):
-        return (self.folder / f"{program}.log").read_text(errors="replace")
+    def log_of(self, name):
+        return (self.folder / f"{name}.log").read_text(errors="replace")
 
     def start_all(self):
         for name in ["home", "run", "media", "services", "home/.config", "home/.local", "home/.local/share"]:
             (self.folder / name).mkdir(mode=0o700)
         self.mount("media")
+        self.mount(KERNELS_DISKS, 1)
         self.install_icons()
         for service in SERVICES:
             (self.folder / "services" / service).symlink_to(f"/usr/share/dbus-1/services/{service}")
+        # No name of a desktop: for some the toolkit loads plugins that may or may not be installed.
         kept = {name: value for name, value in os.environ.items()
                 if name in ("PATH", "LD_LIBRARY_PATH") or name.endswith("SAN_OPTIONS")}
         self.environment = kept | {
             "HOME": str(self.folder / "home"), "XDG_RUNTIME_DIR": str(self.folder / "run"),
             "XDG_CONFIG_HOME": str(self.folder / "home/.config"), "XDG_DATA_HOME": str(self.folder / "home/.local/share"),
             "LANG": "en_US.UTF-8", "TZ": "UTC", "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1",
-            "XDG_DATA_DIRS": f"{self.folder}/share:/usr/local/share:/usr/share", "XDG_CURRENT_DESKTOP": "XFCE", "LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory"}
+            "XDG_DATA_DIRS": f"{self.folder}/share:/usr/local/share:/usr/share", "LIBGL_ALWAYS_SOFTWARE": "1",
+            "GSETTINGS_BACKEND": "memory", "QT_QPA_PLATFORMTHEME": "gnome"}
         self.start_display()
         self.session = self.start_bus("session", "DBUS_SESSION_BUS_ADDRESS")
         self.system = self.start_bus("system", "DBUS_SYSTEM_BUS_ADDRESS")
@@ -278,26 +290,19 @@ class HeadlessDesktop:
         return self.sticks[-1]
 
 
-def block_devices_of_this_machine():
-    """Numbers of block devices that the kernel has given a sequence number."""
-    for number in sorted(os.listdir("/sys/dev/block")):
-        if os.path.exists(f"/sys/dev/block/{number}/diskseq"):
-            major, minor = map(int, number.split(":"))
-            yield os.makedev(major, minor)
-
-
 class Stick:
     """A USB stick with one volume. It is mounted on a folder, which holds its contents from the beginning."""
     BYTES = STICK_MEGABYTES << 20
     DEVICES = ["sdb", "sdc", "sdd", "sde"]
+    SEQUENCE = itertools.count(1)
 
     def __init__(self, desktop, label, uuid, device):
         self.desktop, self.label, self.uuid, self.device = desktop, label, uuid, device
         self.contents = desktop.folder / "media" / f"{device}1"
         self.contents.mkdir()
         self.plugged = False
-        # The kernel knows disks by their numbers; this one borrows that of another.
-        self.number = list(block_devices_of_this_machine())[self.DEVICES.index(device)]
+        self.minor = 16 * (1 + self.DEVICES.index(device))
+        self.kernels = KERNELS_DISKS / f"8:{self.minor}"
 
     def interface(self, name):
         return f"org.freedesktop.UDisks2.{name}"
@@ -317,6 +322,8 @@ class Stick:
 
     def plug(self):
         self.plugged = True
+        self.kernels.mkdir()
+        (self.kernels / "diskseq").write_text(f"{next(self.SEQUENCE)}\n")
         text = lambda value: GLib.Variant("s", value)
         flag = GLib.Variant("b", True)
         # Later than any start of the agent, which asks only about what came after it.
@@ -325,7 +332,7 @@ class Stick:
             "Vendor": text("ACME"), "Model": text("Flash Drive"), "Serial": text(self.uuid), "ConnectionBus": text("usb"),
             "Removable": flag, "MediaRemovable": flag, "Ejectable": flag, "TimeMediaDetected": appearance,
             "Size": GLib.Variant("t", self.BYTES)}})
-        whole = self.block(self.device, self.BYTES, DeviceNumber=GLib.Variant("t", self.number))
+        whole = self.block(self.device, self.BYTES, DeviceNumber=GLib.Variant("t", os.makedev(8, self.minor)))
         self.add(f"block_devices/{self.device}", {"Block": whole, "PartitionTable": {"Type": text("dos")}})
         volume = self.block(f"{self.device}1", self.BYTES, DeviceNumber=GLib.Variant("t", 0), IdUsage=text("filesystem"),
                             IdType=text("vfat"), IdLabel=text(self.label), IdUUID=text(self.uuid))
@@ -340,6 +347,7 @@ class Stick:
     def pull(self):
         for path in [f"block_devices/{self.device}1", f"block_devices/{self.device}", f"drives/{self.device}"]:
             self.desktop.udisks("Remove", "(s)", self.path(path))
+        shutil.rmtree(self.kernels)
         self.plugged = False
 
     def leave(self):

@@ -9,7 +9,7 @@ import subprocess
 
 import pyatspi
 from gi.repository import GLib
-from headless_desktop import LIMIT, wait_for
+from headless_desktop import LIMIT, wait_for, watched
 
 NAME = "com.stashwick.Agent"
 PATH = "/com/stashwick/Agent"
@@ -18,23 +18,31 @@ MENU = "com.canonical.dbusmenu"
 
 
 class Programs:
-    """A copy of the build's agent, whose image tool waits before it begins while the test holds the gate."""
+    """A copy of the build's agent, whose image tool waits before it begins while the test holds the gate.
 
-    def __init__(self, build, folder):
+    prefix: a command line that runs the agent's, say that of a debugging tool.
+    """
+
+    def __init__(self, build, folder, prefix=()):
         build = pathlib.Path(build).resolve()
-        self.agent = folder / "app/bin/stashwick-agent"
+        self.agent = [*prefix, folder / "app/bin/stashwick-agent"]
         self.ctl = build / "bin/stashwickctl"
         self.hdiutil = build / "libexec/stashwick/hdiutil"
         self.gate = folder / "gate"
         self.gate.touch()
         for name in ["bin", "libexec/stashwick", "share"]:
             (folder / "app" / name).mkdir(parents=True)
-        shutil.copy2(build / "bin/stashwick-agent", self.agent)
+        shutil.copy2(build / "bin/stashwick-agent", self.agent[-1])
         (folder / "app/share/stashwick").symlink_to(build / "share/stashwick")
         (folder / "app/libexec/stashwick/diskutil").symlink_to(build / "libexec/stashwick/diskutil")
         tool = folder / "app/libexec/stashwick/hdiutil"
         tool.write_text(f'#!/bin/sh\nflock "{self.gate}" true && exec "{self.hdiutil}" "$@"\n')
         tool.chmod(0o755)
+
+    def start_agent(self, desktop):
+        program = desktop.start(*self.agent, name="stashwick-agent")
+        watched.add(program)
+        return program
 
     @contextlib.contextmanager
     def held_back(self):
@@ -48,7 +56,7 @@ class Agent:
         self.desktop, self.session = desktop, desktop.session
         self.programs = programs
         self.store = pathlib.Path(desktop.environment["XDG_DATA_HOME"]) / "Stashwick 3"
-        self.process = desktop.start(programs.agent)
+        self.process = programs.start_agent(desktop)
         self.state_changes = self.session.follow(PATH, NAME, "StateChanged")
         wait_for("the agent's name", lambda: self.is_gone() or self.session.has(NAME))
         assert not self.is_gone(), f"the agent has ended with {self.process.returncode}"
@@ -66,11 +74,12 @@ class Agent:
         return self.exit_status()
 
     def kill(self):
+        watched.discard(self.process)
         self.process.kill()
         self.process.wait()
 
     def start_again(self):
-        return subprocess.run([self.programs.agent], env=self.desktop.environment, timeout=LIMIT, check=False,
+        return subprocess.run(self.programs.agent, env=self.desktop.environment, timeout=LIMIT, check=False,
                               capture_output=True).returncode
 
     # What other programs ask.
