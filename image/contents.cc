@@ -82,7 +82,7 @@ class Contents::Reading {
   }
 
  private:
-  static constexpr std::uint64_t kMostRepeated = std::uint64_t{1} << 23;
+  static constexpr std::uint64_t kMostRepeated = std::uint64_t{1} << 20;
 
   base::Result<void> addChildren(Index folder) {
     const bool isNew = seen_.insert(contents_[folder].item.id).second;

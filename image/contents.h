@@ -37,7 +37,7 @@ class Contents {
   // Paths: what to read, with everything below and the folders on the way; none: everything. Their parts are
   // matched as the volume matches names. Refused are a path that is not there, a name that no file can have
   // ("..", "a/b"), a folder that is inside itself, and folders that hard links show again and again, with
-  // millions of items. cancelled: looked at once for each folder; may be
+  // more than a million items. cancelled: looked at once for each folder; may be
   // null.
   static base::Result<Contents> read(const Volume& volume, std::span<const std::string> paths,
                                      const std::atomic<bool>* cancelled);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <unordered_set>
 #include <utility>
 
 #include "base/unicode.h"
@@ -20,6 +21,8 @@ namespace {
 using hfs::CatalogRecord;
 
 constexpr std::string_view kResourceFork = "user.com.apple.ResourceFork";
+// Of one item; more than any system has a way to ask for.
+constexpr std::size_t kMostAttributes = 1 << 14;
 constexpr std::string_view kFinderInfo = "user.com.apple.FinderInfo";
 
 // Of a time in nanoseconds since 1970.
@@ -348,10 +351,14 @@ base::Result<std::vector<std::string>> HFSVolume::attributeNames(std::uint32_t i
   const auto compression = hfs::Compression::of(*reader_, *record);
   if (!compression) return compression.error();
   std::vector<std::string> names;
+  std::unordered_set<std::string> known;
   const auto add = [&](std::string name) {
-    if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
+    if (known.insert(name).second) names.push_back(std::move(name));
   };
   const auto take = [&](const hfs::StoredAttribute& attribute) -> base::Result<void> {
+    if (names.size() == kMostAttributes)
+      return base::Error{"item " + std::to_string(id) + " has more than " + std::to_string(kMostAttributes) +
+                         " attributes"};
     if (!isHidden(attribute.name, compression->has_value()))
       add(hfs::attributeName(base::utf8FromUTF16(attribute.name)));
     return {};

@@ -74,6 +74,8 @@ base::Result<PropertyList> readResourceFork(Bytes bytes) {
   if (!fork) return fork.error();
   PropertyList::Array tables;
   std::size_t tableBytes = 0;
+  constexpr std::size_t kReferenceBytes = 12;
+  const std::size_t mostTables = fork->types.size() / kReferenceBytes;
   base::ByteReader types(fork->types);
   const auto count = static_cast<std::uint16_t>(types.get<std::uint16_t>() + 1);
   for (std::uint16_t i = 0; i < count && types.ok(); ++i) {
@@ -84,8 +86,8 @@ base::Result<PropertyList> readResourceFork(Bytes bytes) {
       auto table = resource(*fork, references);
       if (!table) return table.error();
       tableBytes += base::find<PropertyList::Data>(*table->as<PropertyList::Dictionary>(), "Data")->size();
-      // Each is read once at most.
-      if (tableBytes > fork->data.size()) return damaged();
+      // Each is named once, and no two have the same bytes.
+      if (tableBytes > fork->data.size() || tables.size() == mostTables) return damaged();
       tables.push_back(*std::move(table));
     }
   }

@@ -119,6 +119,26 @@ TEST_F(ExtractHostile, refusesAFolderInsideItself) {
   EXPECT_EQ(errorOf(), "a/b: the folder is inside itself");
 }
 
+TEST_F(ExtractHostile, takesAFolderWithTwoNames) {
+  const auto folder = volume.addFolder(MemoryVolume::kRoot, "a");
+  volume.addFile(folder, "file", "x");
+  volume.addName(volume.addFolder(MemoryVolume::kRoot, "b"), "c", folder);
+  EXPECT_EQ(errorOf(), "none");
+  EXPECT_EQ(readFile(target + "/a/file"), "x");
+  EXPECT_EQ(readFile(target + "/b/c/file"), "x");
+}
+
+TEST_F(ExtractHostile, refusesFoldersThatLinksMultiplyBeyondMeasure) {
+  std::uint32_t above = MemoryVolume::kRoot;
+  for (int level = 0; level < 40; ++level) {
+    const auto folder = volume.addFolder(above, "a");
+    volume.addName(above, "b", folder);
+    above = folder;
+  }
+  EXPECT_THAT(errorOf(), EndsWith(": hard links to folders show the same items too many times"));
+  EXPECT_THAT(namesIn(target), IsEmpty());
+}
+
 TEST_F(ExtractHostile, refusesALinkToNothing) {
   volume.addLink(MemoryVolume::kRoot, "x", "");
   EXPECT_THAT(errorOf(), StartsWith(target + "/x: "));

@@ -441,6 +441,18 @@ TEST(VolumeOfOthers, showsAttributesResourceForksAndFinderInfo) {
   EXPECT_THAT(*volume->attributeNames(dated), IsEmpty());
 }
 
+TEST(VolumeOfOthers, refusesMoreAttributesThanAnySystemAsksFor) {
+  HandMadeVolume made;
+  const auto file = made.addFile({.name = u"file", .flags = 4});
+  for (int i = 0; i <= 1 << 14; ++i) {
+    const std::string number = std::to_string(i);
+    made.addAttribute(file, std::u16string(number.begin(), number.end()), "x");
+  }
+  const auto names = open(made.make())->attributeNames(file);
+  ASSERT_FALSE(names);
+  EXPECT_THAT(names.error().message, HasSubstr("more than 16384 attributes"));
+}
+
 TEST(VolumeOfOthers, isFoundInsideTheOlderVolumeThatWrapsIt) {
   HandMadeVolume made;
   made.addFile({.name = u"inside"});
