@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "base/byte_order.h"
 #include "image/block/content.h"
 #include "image/os/host.h"
 #include "image/os/new_file.h"
@@ -16,6 +17,13 @@ base::Result<std::vector<std::byte>> headOf(const base::RandomAccess& file) {
   std::vector<std::byte> head(std::min<std::uint64_t>(file.size(), crypt::ContainerHeader::kHeadBytes));
   if (!file.read(0, head)) return base::Error{"its beginning cannot be read"};
   return head;
+}
+
+// "sprs" at its beginning.
+bool isSparse(const base::RandomAccess& file) {
+  constexpr std::uint32_t kSignature = 0x73707273;
+  std::array<std::byte, 4> signature;
+  return file.read(0, signature) && base::loadBigEndian<std::uint32_t>(signature.data()) == kSignature;
 }
 
 }  // namespace
@@ -32,6 +40,7 @@ base::Result<void> OpenedImage::read(const base::RandomAccess& plain) {
   } else {
     std::array<std::byte, crypt::ContainerHeader::kVersion1EndBytes> end;
     if (!plain.read(plain.size() - end.size(), end)) return base::Error{"its end cannot be read"};
+    if (isSparse(plain)) return base::Error{"a sparse image is not supported"};
     if (crypt::ContainerHeader::isVersion1(end))
       return base::Error{"an encrypted image of version 1 is not supported"};
     if (plain.size() % block::kSectorBytes != 0)

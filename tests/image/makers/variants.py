@@ -439,6 +439,11 @@ def several_segments():
 
 
 @variant
+def sparse():
+    return result(b"sprs" + noise(8188), refused="a sparse image is not supported", judged=False)
+
+
+@variant
 def cut_short():
     return result(udif.image(small().make())[:-700], refused="failed", judged=False)
 
