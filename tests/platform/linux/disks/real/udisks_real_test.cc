@@ -65,9 +65,11 @@ class LoopDisk {
     const auto known = "/sys/class/block/" + device_.section('/', -1) + "p1";
     run("sh", {"-c", "test -d " + known + " || addpart " + device_ + " 1 2048 24576"});
   }
-  void attach() {
-    device_ = QString::fromStdString(run("losetup", {"--find", "--show", "--partscan", file()}));
+  void attach(const QStringList& options = {}) {
+    device_ = QString::fromStdString(
+        run("losetup", QStringList{"--find", "--show", "--partscan"} + options + QStringList{file()}));
   }
+  const QString& device() const { return device_; }
   void detach() {
     if (!device_.isEmpty()) run("losetup", {"--detach", std::exchange(device_, {})});
   }
@@ -217,6 +219,19 @@ TEST_F(MountedDisk, hasTheUUIDOfItsPartition) {
 TEST_F(MountedDisk, hasAUUIDMadeOfWhatItHasElse) {
   loopDisk.writeTable("dos");
   expectSameUUIDWithoutTheDaemon();
+}
+
+TEST_F(UDisksRealTest, leavesADiskOfLargeSectorsToOtherTools) {
+  loopDisk.format();
+  loopDisk.attach({"--sector-size", "4096"});
+  QProcess diskutil;
+  diskutil.start(DISKUTIL_PROGRAM, {"eraseDisk", "FAT32", "OTHER", loopDisk.device()});
+  diskutil.waitForFinished();
+  EXPECT_EQ(diskutil.exitCode(), 1);
+  EXPECT_EQ(diskutil.readAllStandardError().toStdString(), "diskutil: eraseDisk failed - " +
+                                                               loopDisk.device().toStdString() +
+                                                               " has sectors of other than 512 bytes\n");
+  EXPECT_TRUE(isDone("e2fsck", {"-fn", loopDisk.device()}));
 }
 
 TEST_F(UDisksRealTest, renamesAVolume) {
