@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <thread>
 #include <utility>
 
 #include "image/os/posix_error.h"
@@ -215,8 +217,15 @@ base::Result<void> overwrite(const FileDescriptor& disk, const FileDescriptor& c
 }
 
 base::Result<void> readPartitionsAgain(const FileDescriptor& file) {
-  if (::ioctl(file.number(), BLKRRPART) != 0)
-    return posixError("cannot show the system", "its new partition", errno);
+  constexpr std::chrono::seconds kPatience{10};
+  constexpr std::chrono::milliseconds kInterval{100};
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (::ioctl(file.number(), BLKRRPART) != 0) {
+    const int error = errno;
+    if (error != EBUSY || std::chrono::steady_clock::now() >= deadline)
+      return posixError("cannot show the system", "its new partition", error);
+    std::this_thread::sleep_for(kInterval);
+  }
   return {};
 }
 

@@ -54,7 +54,8 @@ base::Result<void> requireSame(const FileDescriptor& file, const Disk& disk);
 // partition table on the disk until everything else of it is safe.
 base::Result<void> overwrite(const FileDescriptor& disk, const FileDescriptor& contents);
 
-// Has the kernel look at the partition table again.
+// Has the kernel look at the partition table again, once nobody looks into a partition of before any more:
+// the system's services do so at any moment, and not for long.
 base::Result<void> readPartitionsAgain(const FileDescriptor& file);
 
 }  // namespace image::os

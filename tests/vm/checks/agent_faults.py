@@ -4,7 +4,7 @@ failure is told, and the next backup is made."""
 import random
 
 from bench import require
-from desktop import CALL, STORE, Desktop, await_reading, require_image
+from desktop import STORE, Desktop, await_reading, require_image
 from sticks import make_fat
 
 SERIAL, LABEL = "FAULT001", "FAULTY"
@@ -33,9 +33,8 @@ def await_failure(place, desktop, reason):
     require(not images(place), f"left of the failed backup: {images(place)}")
 
 
-def begin(place):
-    """Without waiting for an answer, which comes when the user has read what failed before."""
-    place.person_does(f"{CALL.replace('call', '--expect-reply=no call')} BackUp s {LABEL}")
+def begin(desktop):
+    require(desktop.call("BackUp", LABEL) == "", "the backup was not begun")
 
 
 def require_told(desktop, reason):
@@ -118,9 +117,9 @@ def check_full_disk(place, desktop):
     place.machine.sh(f"mount -t tmpfs -o size=2M,uid=1000,gid=1000 none '{STORE}'")
     desktop.start_agent()
     desktop.await_volumes(LABEL)
-    begin(place)
+    begin(desktop)
     await_failure(place, desktop, "free space|no space left")
-    begin(place)
+    begin(desktop)
     require_told(desktop, "free space|no space left")
 
 

@@ -95,6 +95,12 @@ def require_kind(place, disk, file_system, name):
         require(f"Volume Name: {name}" in stated, f"sleuthkit finds another name: {stated}")
 
 
+def look_into(machine, device):
+    """Somebody has the old partition open until the new table has been on the disk for a moment."""
+    machine.sh(f"(exec 9<{device}1; until blkid -p {device} | grep -q 'PTTYPE=\"dos\"'; do sleep 0.1; done; sleep 1) "
+               "</dev/null >/dev/null 2>&1 &")
+
+
 def check_kinds(place, machine, tool):
     """As root, on sticks that are mounted."""
     for file_system, name in (("FAT16", "SIXTEEN"), ("FAT32", "KING STICK"), ("HFS+", "Größe ß"), ("JHFS+", "With Journal")):
@@ -103,6 +109,8 @@ def check_kinds(place, machine, tool):
         device = machine.plug(str(disk), serial)
         machine.await_sh(f"udisksctl info -b {device}1")
         machine.sh(machine.as_person(f"udisksctl mount --no-user-interaction -b {device}1"))
+        if file_system == "FAT16":
+            look_into(machine, device)
         require_erased(machine, tool, file_system, name, sequence_name(machine, device))
         use_volume(machine, device, file_system, name)
         machine.pull(serial)
