@@ -4,22 +4,14 @@
 #include <limits>
 
 #include "image/hfs/attributes.h"
+#include "image/hfs/catalog_format.h"
 
 namespace image::hfs {
 namespace {
 
-constexpr std::uint16_t kFolderRecord = 1;
-constexpr std::uint16_t kFileRecord = 2;
-constexpr std::uint16_t kFolderThread = 3;
-constexpr std::uint16_t kFileThread = 4;
 constexpr std::size_t kFolderRecordBytes = 88;
 constexpr std::size_t kFileRecordBytes = 248;
-constexpr std::uint32_t kRootParentID = 1;
 
-constexpr std::uint16_t kThreadExists = 0x0002;
-constexpr std::uint16_t kHasAttributes = 0x0004;
-constexpr std::uint16_t kHasFolderCount = 0x0010;
-constexpr std::uint16_t kHasLinkChain = 0x0020;
 // Finder flags.
 constexpr std::uint16_t kInvisibleAndNameLocked = 0x5000;
 
@@ -157,7 +149,7 @@ void CatalogRecords::putFile(NodeIndex node, base::ByteWriter& out) const {
   const bool indirect = tree_.isIndirect(node);
   std::uint32_t special = file.isDevice() ? volumeDevice(file.first) : 0;
   std::uint32_t firstLink = 0;
-  std::uint16_t flags = kThreadExists | attributesFlag(node);
+  std::uint16_t flags = kHasThread | attributesFlag(node);
   if (indirect) {
     const auto& links = tree_.linkGroups()[file.linkGroup].links;
     special = static_cast<std::uint32_t>(links.size());
@@ -179,7 +171,7 @@ void CatalogRecords::putLink(NodeIndex node, base::ByteWriter& out) const {
   const std::uint32_t previous = self == group.links.begin() ? 0 : tree_.catalogID(self[-1]);
   const std::uint32_t next = self + 1 == group.links.end() ? 0 : tree_.catalogID(self[1]);
   out.put(kFileRecord)
-      .put(static_cast<std::uint16_t>(kThreadExists | kHasLinkChain | attributesFlag(node)))
+      .put(static_cast<std::uint16_t>(kHasThread | kHasLinkChain | attributesFlag(node)))
       .put(std::uint32_t{0});
   out.put(tree_.catalogID(node));
   putDates(tree_.nodes()[tree_.privateFolder()].times, out);

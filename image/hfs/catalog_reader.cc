@@ -2,13 +2,10 @@
 
 #include <algorithm>
 
+#include "image/hfs/catalog_format.h"
+
 namespace image::hfs {
 namespace {
-
-constexpr std::uint16_t kFolderRecord = 1;
-constexpr std::uint16_t kFileRecord = 2;
-constexpr std::uint16_t kFolderThread = 3;
-constexpr std::uint16_t kFileThread = 4;
 
 base::Error recordError(std::uint32_t folder) {
   return {"a catalog record below item " + std::to_string(folder) + " is damaged"};

@@ -15,8 +15,6 @@ namespace image::hfs {
 
 // A folder or file record of a catalog, as it stands there.
 struct CatalogRecord {
-  static constexpr std::uint16_t kHasAttributes = 0x0004;
-  static constexpr std::uint16_t kHasLinkChain = 0x0020;
   // Among the owner's flags: the file system has compressed the file's data.
   static constexpr std::uint8_t kCompressed = 0x20;
 
@@ -50,7 +48,6 @@ struct CatalogRecord {
 // Looks folders and files up in a catalog file. Any number of threads may call.
 class CatalogReader {
  public:
-  static constexpr std::uint32_t kRootParentID = 1;
   static constexpr std::uint32_t kRootID = 2;
 
   // False ends the listing.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/byte_order.h"
+#include "image/hfs/catalog_format.h"
 #include "image/hfs/journal.h"
 #include "image/hfs/unicode_name.h"
 #include "image/hfs/volume_view.h"
@@ -25,12 +26,8 @@ constexpr std::uint32_t kAllocationFileID = 6;
 constexpr std::uint32_t kStartupFileID = 7;
 constexpr std::uint32_t kAttributesFileID = 8;
 constexpr std::uint32_t kRootFolderID = 2;
-constexpr std::uint32_t kRootParentID = 1;
 constexpr std::uint64_t kHeaderAt = VolumeHeader::kOffset;
 
-constexpr std::uint16_t kHasThread = 0x0002;
-constexpr std::uint16_t kHasAttributes = 0x0004;
-constexpr std::uint16_t kHasFolderCount = 0x0010;
 constexpr std::uint32_t kHardLinkType = 0x686C6E6B;     // "hlnk"
 constexpr std::uint32_t kHardLinkCreator = 0x6866732B;  // "hfs+"
 

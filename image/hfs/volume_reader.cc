@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "image/block/zeros.h"
+#include "image/hfs/catalog_format.h"
 #include "image/hfs/nanoseconds.h"
 
 namespace image::hfs {
@@ -131,13 +132,13 @@ base::Result<void> VolumeReader::findPrivateFolders() {
 // A file that merely has a link's type was created at another time than the private folder.
 bool VolumeReader::isFileLink(const CatalogRecord& record) const {
   return linkedFiles_ && !record.isFolder && record.finderType() == kFileLink &&
-         (record.has(CatalogRecord::kHasLinkChain) || record.created == linkedFiles_->created ||
+         (record.has(kHasLinkChain) || record.created == linkedFiles_->created ||
           record.created == header_.created || record.created == rootCreated_);
 }
 
 bool VolumeReader::isFolderLink(const CatalogRecord& record) const {
   return linkedFolders_ && !record.isFolder && record.finderType() == kFolderLink &&
-         record.has(CatalogRecord::kHasLinkChain);
+         record.has(kHasLinkChain);
 }
 
 base::Result<CatalogRecord> VolumeReader::resolved(CatalogRecord record) const {
@@ -252,7 +253,7 @@ base::Result<std::optional<std::vector<std::byte>>> VolumeReader::attribute(cons
                                                                             std::u16string_view name) const {
   std::optional<std::vector<std::byte>> found;
   const bool isCompressed = (record.ownerFlags & CatalogRecord::kCompressed) != 0;
-  if (!record.has(CatalogRecord::kHasAttributes) && !isCompressed) return found;
+  if (!record.has(kHasAttributes) && !isCompressed) return found;
   const auto take = [&](const StoredAttribute& attribute) -> base::Result<void> {
     if (attribute.name != name) return {};
     auto value = valueOf(record.id, attribute);
