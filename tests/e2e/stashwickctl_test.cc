@@ -256,6 +256,19 @@ TEST_F(Ctl, sharesItsSettingsWithTheAgent) {
   EXPECT_EQ(ctl({"verify", "STICK/1", passwordFile("right")}).status, 0);
 }
 
+TEST_F(Ctl, changesTheSettingsOfAnAgentThatRuns) {
+  makeStick("STICK");
+  fs::create_directory(temporary / "volumes");
+  const auto agent = startAgent({"--headless", "--once", "--answer", "backup", passwordFile("right"),
+                                 "--volumes-folder", temporary / "volumes"});
+  agent->expect("Waiting for a volume to arrive.");
+  EXPECT_EQ(ctl({"settings", "encryption", "AES-128"}).status, 0);
+  fs::rename(temporary / "STICK", temporary / "volumes/STICK");
+  EXPECT_EQ(agent->wait(), 0) << agent->errors();
+  EXPECT_EQ(ctl({"verify", "STICK/1"}).status, 4);
+  EXPECT_EQ(ctl({"verify", "STICK/1", passwordFile("right")}).status, 0);
+}
+
 TEST_F(Ctl, saysThatThereIsNoKeychain) {
   const auto run = ctl({"password", "set", passwordFile("right")});
   EXPECT_EQ(run.status, 1);

@@ -202,6 +202,19 @@ TEST_F(CtlOnADesktop, tellsTheAgentWhatToDoWithAStickThatComesLater) {
   EXPECT_THAT(imagesOf("STICK"), SizeIs(1)) << agent->errors();
 }
 
+TEST_F(CtlOnADesktop, tellsTheRunningAgentWhatToDoWithAStick) {
+  startDesktopAgent();
+  auto again = stick("sdb", "STICK");
+  plug(again);
+  EXPECT_EQ(ctl({"auto", "STICK", "on"}).status, 0);
+  udisks.pull(again);
+  monitor->expect("StateChanged");
+  again.drive.insert("TimeMediaDetected", kLater);
+  plug(again);
+  for (int change = 0; change < 20 && imagesOf("STICK").empty(); ++change) monitor->expect("StateChanged");
+  EXPECT_THAT(imagesOf("STICK"), SizeIs(1)) << agent->errors();
+}
+
 TEST_F(CtlOnADesktop, namesVolumesAsTheRunningAgentDoes) {
   startDesktopAgent();
   plug(stick("sdc", "STICK"));
