@@ -198,18 +198,15 @@ base::Result<base::PropertyList> MessageBus::property(const Place& place, const 
 }
 
 base::Result<void> MessageBus::subscribe(const std::string& rule, std::function<void()> handler) {
-  Subscription subscription{std::make_unique<std::function<void()>>(std::move(handler)), nullptr};
+  auto& subscription = subscriptions_.emplace_back(Subscription{std::move(handler), nullptr});
   const auto callHandler = [](sd_bus_message*, void* data, sd_bus_error*) {
     (*static_cast<std::function<void()>*>(data))();
     return 0;
   };
   sd_bus_slot* slot = nullptr;
-  const int code =
-      ::sd_bus_add_match(bus_.get(), &slot, rule.c_str(), callHandler, subscription.handler.get());
+  const int code = ::sd_bus_add_match(bus_.get(), &slot, rule.c_str(), callHandler, &subscription.handler);
   subscription.slot.reset(slot);
-  if (code < 0) return errorOf("cannot follow " + rule, code);
-  subscriptions_.push_back(std::move(subscription));
-  return {};
+  return code < 0 ? base::Result<void>(errorOf("cannot follow " + rule, code)) : base::Result<void>();
 }
 
 bool MessageBus::process() {

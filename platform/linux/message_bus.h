@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <systemd/sd-bus.h>
-#include <vector>
 
 #include "base/property_list.h"
 #include "base/result.h"
@@ -80,12 +80,12 @@ class MessageBus {
     void operator()(sd_bus_slot* slot) const { ::sd_bus_slot_unref(slot); }
   };
   struct Subscription {
-    std::unique_ptr<std::function<void()>> handler;
+    std::function<void()> handler;
     std::unique_ptr<sd_bus_slot, Unsubscribe> slot;
   };
 
   std::unique_ptr<sd_bus, CloseBus> bus_;
-  std::vector<Subscription> subscriptions_;
+  std::list<Subscription> subscriptions_;
 };
 
 // The message's next argument. Texts, object paths and zero-terminated bytes are texts; what properties maps

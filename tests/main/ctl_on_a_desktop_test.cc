@@ -25,11 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using platform::freedesktop::UDisksArbitration;
-using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 // Microseconds since 1970: before and after whatever is started by a test, which the agent asks about.
@@ -278,8 +274,9 @@ TEST_F(CtlOnADesktop, tellsOfAnAgentThatEndsMeanwhile) {
   startDesktopAgent();
   plug(stick("sdb", "STICK"));
   for (int file = 0; file < 200; ++file) {
-    std::ofstream(placeOf("sdb") + "/" + std::to_string(file));
-    fs::resize_file(placeOf("sdb") + "/" + std::to_string(file), 64 << 20);
+    const auto path = placeOf("sdb") + "/" + std::to_string(file);
+    std::ofstream(path) << "begins";
+    fs::resize_file(path, 64 << 20);
   }
   const auto backup = openCtl({"backup", "STICK"});
   backup->expect("The agent backs up \"STICK\"");
