@@ -17,8 +17,8 @@ enum class NameOrder { caseFolding, binary };
 std::optional<std::u16string> storedName(std::string_view fileName);
 
 // The other way: what a POSIX system calls the file of that stored name, composed again (NFC) as names on
-// other systems mostly are. Letters that TN1150's own table decomposes as Unicode did once (Greek accents, some
-// Cyrillic, Thai and Lao ones) come back too.
+// other systems mostly are. Letters that TN1150's own table decomposes as Unicode did once (Greek accents,
+// some Cyrillic, Thai and Lao ones) come back too.
 std::string composedFileName(std::u16string_view storedName);
 
 // Order of catalog keys: TN1150's case folding with its ignorable characters, or plain unit values.
