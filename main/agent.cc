@@ -188,6 +188,7 @@ int runAgent(const AgentOptions& options, const base::Secret& password) {
 int main(int argc, char** argv) {
   openMissingStreams();
   std::signal(SIGPIPE, SIG_IGN);
+  leaveNoCore();
   auto [options, exitStatus] = AgentCommandLine::parse(argc, argv);
   if (exitStatus) return *exitStatus;
   for (const auto& folder : options.folders) {

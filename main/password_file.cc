@@ -43,8 +43,12 @@ base::Result<base::Secret> readPasswordFile(const std::string& path) {
   return password;
 }
 
-void keepMemoryPrivate() {
+void leaveNoCore() {
   constexpr rlimit kNone{0, 0};
   ::setrlimit(RLIMIT_CORE, &kNone);
+}
+
+void keepMemoryPrivate() {
+  leaveNoCore();
   ::prctl(PR_SET_DUMPABLE, 0);
 }

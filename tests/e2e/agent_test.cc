@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include "tests/e2e/agent_world.h"
 #include "tests/support/own_mounts.h"
@@ -460,6 +461,14 @@ TEST_F(Agent, quitsWithCtrlCAndCtrlDFromTheMenuAndFromAQuestion) {
   }
   EXPECT_THAT(imagesOf("STICK"), IsEmpty());
   EXPECT_FALSE(fs::exists(listFile()));
+}
+
+TEST_F(Agent, leavesNoCoreFileThatCouldHoldAPassword) {
+  const auto agent = openTerminal({});
+  agent->expect("Type a number");
+  rlimit limit{1, 1};
+  ASSERT_EQ(::prlimit(agent->process(), RLIMIT_CORE, nullptr, &limit), 0);
+  EXPECT_EQ(limit.rlim_cur, 0U);
 }
 
 TEST_F(Agent, showsVolumesThatComeAndGo) {

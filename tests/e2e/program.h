@@ -27,6 +27,7 @@ class Program {
   // Waits for the end. The exit status, or 128 and the signal that ended it.
   int wait();
 
+  pid_t process() const { return process_; }
   // All that came so far; on a terminal both outputs are one.
   const std::string& output() const { return output_; }
   const std::string& errors() const { return errors_; }
