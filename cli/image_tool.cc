@@ -1,5 +1,7 @@
 #include "cli/image_tool.h"
 
+#include <ranges>
+
 #include "base/unicode.h"
 #include "base/xml_property_list.h"
 #include "engine/password_text.h"
@@ -12,6 +14,7 @@ using base::PropertyList;
 constexpr const char* kTool = "/usr/bin/hdiutil";
 constexpr std::string_view kAuthentication = "Authentication error";
 constexpr std::string_view kNoSuchItem = "there is no such item in the image";
+constexpr std::string_view kLost = "hdiutil: cannot be read: ";
 
 bool isRefusedPassword(const std::string& text) {
   const auto problem = problemIn(text);
@@ -103,7 +106,13 @@ Expected<PropertyList::Array> ImageTool::list(const Backup& backup) {
 
 std::optional<Problem> ImageTool::extract(const Backup& backup, const std::vector<std::string>& paths,
                                           const std::string& folder) {
-  auto problem = runToEnd(backup, {"extract", {"-to", operand(folder)}, paths, "Extracting from"});
+  const auto output = run(backup, {"extract", {"-to", operand(folder)}, paths, "Extracting from"});
+  if (!output) return output.problem();
+  for (const auto part : std::views::split(*output, '\n')) {
+    const std::string_view line(part.begin(), part.end());
+    if (line.starts_with(kLost)) session_.warn(std::string(line.substr(line.find(": ") + 2)));
+  }
+  auto problem = problemIn(*output);
   if (problem && problem->text.ends_with(kNoSuchItem)) problem->exit = Exit::notFound;
   return problem;
 }

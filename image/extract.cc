@@ -171,6 +171,10 @@ class Extraction {
       if (auto done = (this->*step)(); !done) return done.error();
     auto leftOut = leftOut_.texts(contents_);
     report_.leftOut.insert(report_.leftOut.end(), leftOut.begin(), leftOut.end());
+    const base::MutexLock lock(mutex_);
+    for (const auto* lost : {&unreadable_, &lostAttributes_})
+      for (const auto& [entry, reason] : *lost)
+        report_.unreadable.push_back(contents_.path(entry) + ": " + reason);
     return std::move(report_);
   }
 
@@ -201,6 +205,22 @@ class Extraction {
   static base::Error interrupted() { return {"it was interrupted"}; }
   base::Error failed(Index entry, const base::Error& reason) const {
     return isCancelled() ? interrupted() : at(entry, reason.message);
+  }
+
+  // Leaves the item out; the extraction goes on.
+  base::Error unreadable(Index entry, const base::Error& reason) {
+    const base::MutexLock lock(mutex_);
+    if (!unreadable_.contains(entry)) unreadable_.emplace(entry, reason.message);
+    return reason;
+  }
+  bool isUnreadable(Index entry) {
+    const base::MutexLock lock(mutex_);
+    return unreadable_.contains(entry);
+  }
+  // What was done for an item, but for an Error in reading it.
+  base::Result<void> judged(Index entry, const base::Result<void>& done) {
+    if (done || isUnreadable(entry)) return {};
+    return failed(entry, done.error());
   }
 
   void startProgress() {
@@ -334,13 +354,13 @@ class Extraction {
   }
 
   base::Result<void> run(const Job& job, Worker& worker) {
-    if (job.large != nullptr) return writeRange(*job.large, job.offset, worker);
+    if (job.large != nullptr) return judged(job.large->entry, writeRange(*job.large, job.offset, worker));
     const Index parent = contents_[order_[job.first]].parent;
     const auto folder = worker.way.open(parent);
     if (!folder) return at(parent, folder.error().message);
     for (std::size_t i = job.first; i < job.first + job.count && !stopped_; ++i) {
       if (isCancelled()) return interrupted();
-      if (auto made = makeItem(**folder, order_[i], worker); !made) return failed(order_[i], made.error());
+      if (auto made = judged(order_[i], makeItem(**folder, order_[i], worker)); !made) return made;
       advance(progressOf(item(order_[i])));
     }
     return {};
@@ -406,8 +426,7 @@ class Extraction {
     auto piece = readPiece(entry, 0, worker);
     if (!piece) return piece.error();
     const auto attributes = attributesOf(entry);
-    if (!attributes) return attributes.error();
-    const auto file = folder.makeFile(as, attributes->extended.empty() ? item(entry).permissions : 0600);
+    const auto file = folder.makeFile(as, attributes.extended.empty() ? item(entry).permissions : 0600);
     if (!file) return file.error();
     if (!*file) return Made::existsAlready;
     Unfinished unfinished(folder, as);
@@ -419,7 +438,7 @@ class Extraction {
     // Only then may the last block have been left out.
     if (size % 4096 == 0 && size != 0)
       if (auto sized = (*file)->setSize(size); !sized) return sized.error();
-    if (auto given = give(**file, entry, *attributes); !given) return given.error();
+    if (auto given = give(**file, entry, attributes); !given) return given.error();
     unfinished.keep();
     return Made::yes;
   }
@@ -432,8 +451,8 @@ class Extraction {
     const std::span into(worker.buffer.data(), size);
     for (std::size_t done = 0; done < size;) {
       const auto got = volume_.read(item(entry).id, offset + done, into.subspan(done));
-      if (!got) return got.error();
-      if (*got == 0) return base::Error{"it ends early in the image"};
+      if (!got) return unreadable(entry, got.error());
+      if (*got == 0) return unreadable(entry, {"it ends early in the image"});
       done += *got;
     }
     bytes_ += size;
@@ -444,37 +463,40 @@ class Extraction {
     base::Result<Made> made = Made::yes;
     if (item(entry).kind == ItemKind::symbolicLink) {
       const auto target = volume_.linkTarget(item(entry).id);
-      if (!target) return target.error();
+      if (!target) return unreadable(entry, target.error());
       if (target->empty() || target->find('\0') != std::string::npos)
-        return base::Error{"the image holds a link to what can be no path"};
+        return unreadable(entry, {"the image holds a link to what can be no path"});
       made = folder.makeSymbolicLink(as, *target);
     } else {
       made = folder.makeSpecial(as, typeOf(item(entry).kind), item(entry).device);
     }
     if (!made || *made != Made::yes) return made;
     Unfinished unfinished(folder, as);
-    const auto attributes = attributesOf(entry);
-    if (!attributes) return attributes.error();
     const auto opened = folder.openItem(as);
     if (!opened) return opened.error();
-    if (auto given = give(*opened, entry, *attributes); !given) return given.error();
+    if (auto given = give(*opened, entry, attributesOf(entry)); !given) return given.error();
     unfinished.keep();
     return Made::yes;
   }
 
-  base::Result<os::ItemAttributes> attributesOf(Index entry) const {
+  // An item without an attribute that cannot be read is better than none.
+  os::ItemAttributes attributesOf(Index entry) {
     const Item& from = item(entry);
     os::ItemAttributes attributes{.permissions = from.permissions,
                                   .user = from.user,
                                   .group = from.group,
                                   .accessed = timeOf(from.accessed),
                                   .modified = timeOf(from.modified)};
+    const auto lose = [&](const std::string& what, const base::Error& reason) {
+      const base::MutexLock lock(mutex_);
+      lostAttributes_.emplace(entry, what + ": " + reason.message);
+    };
     const auto names = volume_.attributeNames(from.id);
-    if (!names) return names.error();
-    for (const std::string& each : *names) {
+    if (!names) lose("extended attributes", names.error());
+    for (const std::string& each : names ? *names : std::vector<std::string>()) {
       auto value = volume_.attribute(from.id, each);
-      if (!value) return value.error();
-      if (*value) attributes.extended.push_back({each, std::move(**value)});
+      if (!value) lose("extended attribute " + each, value.error());
+      if (value && *value) attributes.extended.push_back({each, std::move(**value)});
     }
     return attributes;
   }
@@ -487,15 +509,13 @@ class Extraction {
   }
 
   base::Result<void> writeRange(LargeFile& large, std::uint64_t offset, Worker& worker) {
-    if (auto begun = beginLarge(large, worker); !begun) return failed(large.entry, begun.error());
+    if (isUnreadable(large.entry)) return {};
+    if (auto begun = beginLarge(large, worker); !begun) return begun;
     const auto piece = readPiece(large.entry, offset, worker);
-    if (!piece) return failed(large.entry, piece.error());
-    if (auto written = large.file->write(offset, *piece); !written)
-      return failed(large.entry, written.error());
+    if (!piece) return piece.error();
+    if (auto written = large.file->write(offset, *piece); !written) return written;
     advance(piece->size() / 512);
-    if (--large.rangesLeft != 0) return {};
-    if (auto finished = finishLarge(large); !finished) return failed(large.entry, finished.error());
-    return {};
+    return --large.rangesLeft == 0 ? finishLarge(large) : base::Result<void>();
   }
 
   base::Result<void> beginLarge(LargeFile& large, Worker& worker) {
@@ -516,9 +536,7 @@ class Extraction {
   }
 
   base::Result<void> finishLarge(LargeFile& large) {
-    const auto attributes = attributesOf(large.entry);
-    if (!attributes) return attributes.error();
-    if (auto given = give(*large.file, large.entry, *attributes); !given) return given;
+    if (auto given = give(*large.file, large.entry, attributesOf(large.entry)); !given) return given;
     if (auto named = giveName(*large.folder, large.entry, *large.unfinished); !named) return named;
     ++filesMade_;
     large.file.reset();
@@ -532,6 +550,10 @@ class Extraction {
     Way firstWay(contents_, top_);
     for (const auto& [entry, first] : laterLinks_) {
       if (isCancelled()) return interrupted();
+      if (isUnreadable(first)) {
+        unreadable(entry, {"it is the same file as " + contents_.path(first)});
+        continue;
+      }
       const auto folder = worker.way.open(contents_[entry].parent);
       if (!folder) return at(contents_[entry].parent, folder.error().message);
       const auto firstFolder = firstWay.open(contents_[first].parent);
@@ -545,7 +567,7 @@ class Extraction {
         leftOut_.add("hard link", "there are none there; it is a file of its own", entry);
         return makeFile(into, as, entry, worker);
       });
-      if (!made) return failed(entry, made.error());
+      if (auto done = judged(entry, made); !done) return done;
       advance(progressOf(item(entry)));
     }
     return {};
@@ -566,13 +588,11 @@ class Extraction {
   }
 
   base::Result<void> finishFolder(Way& way, Index entry) {
-    const auto attributes = attributesOf(entry);
-    if (!attributes) return attributes.error();
     const auto folder = way.open(entry);
     if (!folder) return folder.error();
     const auto self = (*folder)->self();
     if (!self) return self.error();
-    return give(*self, entry, *attributes);
+    return give(*self, entry, attributesOf(entry));
   }
 
   const Volume& volume_;
@@ -597,6 +617,8 @@ class Extraction {
   std::atomic<std::uint64_t> bytes_ = 0;
   base::Mutex mutex_;
   std::optional<base::Error> error_ GUARDED_BY(mutex_);
+  std::multimap<Index, std::string> unreadable_ GUARDED_BY(mutex_);
+  std::multimap<Index, std::string> lostAttributes_ GUARDED_BY(mutex_);
   base::Mutex replacing_;
   std::set<os::ExistingItem> replacements_ GUARDED_BY(replacing_);
 };

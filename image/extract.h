@@ -33,6 +33,9 @@ struct ExtractReport {
   // What the target could not take, with the reason. That it cannot give owners to who is not root is not
   // told.
   std::vector<std::string> leftOut{};
+  // What the image does not give, with the reason: first the items, of which nothing was written, then the
+  // extended attributes of others. Everything else was extracted.
+  std::vector<std::string> unreadable{};
 };
 
 // Writes what is in a volume into a folder, without mounting it: with contents, dates to the nanosecond,
@@ -40,8 +43,9 @@ struct ExtractReport {
 // written outside the folder, whatever the volume holds: symbolic links in it are not followed. Blocks of
 // zeros become holes.
 //
-// What exists already is found out before anything is written. A later Error leaves what was written so far,
-// but no file that is not whole. Errors begin with the path that they are about, if there is one.
+// What exists already is found out before anything is written. An item that cannot be read, as in a damaged
+// image, does not keep the others back. A later Error leaves what was written so far, but no file that is not
+// whole. Errors begin with the path that they are about, if there is one.
 base::Result<ExtractReport> extract(const Volume& volume, const ExtractRequest& request);
 
 }  // namespace image

@@ -30,6 +30,7 @@ using image::Item;
 using image::ItemKind;
 
 constexpr int kDifferent = 2;
+constexpr std::string_view kCannotBeRead = "hdiutil: cannot be read: ";
 
 struct KindText {
   char letter;
@@ -328,7 +329,11 @@ int extract(const std::vector<std::string>& given, const HdiutilHost& host) {
   if (arguments->has("-verbose"))
     host.error << "hdiutil: extract: " << report->files << " files and " << report->folders << " folders, "
                << report->bytes << " bytes\n";
-  return kDone;
+  if (report->unreadable.empty()) return kDone;
+  for (const auto& part : report->unreadable) host.error << kCannotBeRead << printable(part) << "\n";
+  return failPrintable(host, "extract",
+                       std::to_string(report->unreadable.size()) +
+                           " of what was asked for cannot be read; everything else was extracted");
 }
 
 int compare(const std::vector<std::string>& given, const HdiutilHost& host) {

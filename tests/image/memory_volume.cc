@@ -45,6 +45,7 @@ base::Result<std::vector<std::string>> MemoryVolume::attributeNames(std::uint32_
 base::Result<std::optional<std::vector<std::byte>>> MemoryVolume::attribute(std::uint32_t id,
                                                                             std::string_view name) const {
   using Value = std::optional<std::vector<std::byte>>;
+  if (name == unreadableAttribute) return base::Error{"bad node"};
   const auto& attributes = items_.at(id).attributes;
   const auto found = attributes.find(name);
   if (found == attributes.end()) return Value();

@@ -47,6 +47,9 @@ class MemoryVolume : public image::Volume {
     return base::Result<void>();
   };
 
+  // Reading an extended attribute of that name gives an Error.
+  std::string unreadableAttribute{};
+
   const image::VolumeFacts& facts() const override { return facts_; }
   std::uint32_t rootID() const override { return kRoot; }
   base::Result<std::optional<image::Item>> lookup(std::uint32_t folder, std::string_view name) const override;

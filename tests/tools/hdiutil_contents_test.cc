@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -165,6 +166,29 @@ TEST_F(HdiutilContents, saysWhereItCannotWrite) {
   const auto run = extract();
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(run.error, StartsWith("hdiutil: extract failed - /proc/nowhere: "));
+}
+
+TEST_F(HdiutilContents, extractsFromADamagedImageWhatIsLeft) {
+  std::string numbers;
+  for (int i = 0; numbers.size() < 3'000'000; ++i) numbers += std::to_string(i) + "\n";
+  for (const char* name : {"a", "b", "c"}) write(name, numbers);
+  create();
+  std::fstream bytes(image, std::ios::in | std::ios::out | std::ios::binary);
+  bytes.seekp(static_cast<std::streamoff>(fs::file_size(image) / 2));
+  bytes << std::string(64, 'X') << std::flush;
+  const auto run = extract();
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(
+      run.error,
+      AllOf(StartsWith("hdiutil: cannot be read: "),
+            EndsWith("hdiutil: extract failed - 1 of what was asked for cannot be read; everything else was "
+                     "extracted\n")));
+  std::size_t extracted = 0;
+  for (const auto& file : fs::directory_iterator(target)) {
+    EXPECT_EQ(readFile(file), numbers) << file;
+    ++extracted;
+  }
+  EXPECT_EQ(extracted, 2U);
 }
 
 TEST_F(HdiutilContents, needsThePasswordOfAnEncryptedImage) {
