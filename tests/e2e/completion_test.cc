@@ -14,16 +14,18 @@ struct Shell {
   std::string setUp;  // ends with the prompt "ready> "
 };
 
+void PrintTo(const Shell& shell, std::ostream* out) { *out << shell.name; }
+
 const std::string kCompletions = PACKAGING_FOLDER "/completions";
 
 const Shell kShells[] = {
-    {"bash", {"bash", "--norc", "-i"}, "source " + kCompletions + "/stashwickctl.bash; PS1='rea''dy> '"},
+    {"bash", {"bash", "--norc", "-i"}, "source '" + kCompletions + "/stashwickctl.bash'; PS1='rea''dy> '"},
     {"zsh",
      {"zsh", "-f", "-i"},
-     "fpath=(" + kCompletions + " $fpath); autoload -Uz compinit; compinit -u -D; PS1='rea''dy> '"},
+     "fpath=('" + kCompletions + "' $fpath); autoload -Uz compinit; compinit -u -D; PS1='rea''dy> '"},
     {"fish",
      {"fish", "--no-config", "-i"},
-     "source " + kCompletions + "/stashwickctl.fish; function fish_prompt; echo -n 'rea''dy> '; end"},
+     "source '" + kCompletions + "/stashwickctl.fish'; function fish_prompt; echo -n 'rea''dy> '; end"},
 };
 
 class Completion : public AgentWorld, public testing::WithParamInterface<Shell> {
