@@ -55,6 +55,7 @@ class Creation {
       report = writeOnce(*source, **file);
     }
     if (!report) return report.error();
+    if (auto attached = source->requireMedium(); !attached) return attached.error();
     if (request_.verifies) {
       tell("verifying " + request_.image);
       if (auto verified = verify((*file)->contents()); !verified) return verified.error();

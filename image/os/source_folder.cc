@@ -16,6 +16,7 @@
 
 #include "image/hfs/attributes.h"
 #include "image/os/attribute_reader.h"
+#include "image/os/medium.h"
 #include "image/os/posix_error.h"
 #include "image/os/source_path.h"
 
@@ -332,6 +333,13 @@ base::Result<Scan> SourceFolder::scan(const ScanOptions& options) const {
   // In a thread of its own, whose working directory nobody else needs.
   return std::async(std::launch::async, [&] { return Scanner(root_.number(), path_, status, options).run(); })
       .get();
+}
+
+base::Result<void> SourceFolder::requireMedium() const {
+  struct stat status {};
+  if (::fstat(root_.number(), &status) != 0) return posixError("cannot look at", path_, errno);
+  if (!isMediumAttached(status.st_dev)) return posixError("cannot read", path_, ENODEV);
+  return {};
 }
 
 }  // namespace image::os

@@ -69,6 +69,9 @@ class SourceFolder {
   // file system lists them. The tree is not finished. The first thing that cannot be read is an Error.
   base::Result<Scan> scan(const ScanOptions& options) const;
 
+  // Fails when the folder's medium was pulled out: what a scan found may then be less than what was there.
+  base::Result<void> requireMedium() const;
+
   // Folder and tree outlive the forks.
   std::unique_ptr<SourceForks> forks(const hfs::Tree& tree, bool skipsUnreadable) const {
     return std::make_unique<SourceForks>(tree, root_.number(), path_, skipsUnreadable);
