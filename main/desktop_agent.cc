@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <poll.h>
+#include <utility>
 
 #include "app/agent_app_delegate.h"
 #include "base/format.h"
@@ -63,7 +64,10 @@ class Presence {
  public:
   Presence(ZQAgentAppDelegate& agent, freedesktop::QtDesktop& desktop, posix::PosixFiles& files,
            const posix::PathMap& paths, const ObservedToolRuns& tools)
-      : agent_(agent), desktop_(desktop), files_(files), paths_(paths), tools_(tools) {}
+      : agent_(agent), desktop_(desktop), files_(files), paths_(paths), tools_(tools) {
+    start_.setSingleShot(true);
+    start_.callOnTimeout([this] { agent_._backupDevice(std::exchange(wanted_, nullptr)); });
+  }
 
   freedesktop::AgentAnswers answers() {
     return {.volumes = [this] { return volumes(); },
@@ -103,19 +107,16 @@ class Presence {
     return backups;
   }
 
-  bool isBusy() const { return isStarting_ || agent_.stashwick()->hasOperations(); }
+  bool isBusy() const { return wanted_ || agent_.stashwick()->hasOperations(); }
 
   std::optional<std::string> backUp(const std::string& volume) {
     if (isBusy()) return "A backup is under way.";
     if (!agent_.canRunInBackground()) return "Stashwick is running, which makes backups itself.";
     for (const auto& device : agent_.devices()) {
       if (device->name() != volume) continue;
-      isStarting_ = true;
+      wanted_ = device;
       // Once this is answered: a failure may be told by an alert, which lasts until somebody closes it.
-      QTimer::singleShot(0, [this, device] {
-        isStarting_ = false;
-        agent_._backupDevice(device);
-      });
+      start_.start(0);
       return std::nullopt;
     }
     return "There is no volume \"" + volume + "\".";
@@ -130,7 +131,8 @@ class Presence {
   posix::PosixFiles& files_;
   const posix::PathMap& paths_;
   const ObservedToolRuns& tools_;
-  bool isStarting_ = false;
+  std::shared_ptr<ZQRemovableDevice> wanted_;
+  QTimer start_;
 };
 
 }  // namespace
