@@ -9,14 +9,12 @@
 #include "cli/image_tool.h"
 #include "cli/text.h"
 #include "cli/volume_contents.h"
-#include "devices/keychain.h"
 #include "store/file_size.h"
 
 namespace cli {
 namespace {
 
 constexpr std::string_view kEncryptionKey = "ZQStashwickBackupEncryption";
-constexpr const char* kKeychainService = "Stashwick 3";
 constexpr const char* kDefaultEncryption = "AES-256";
 constexpr const char* kMainApplication = "Stashwick";
 
@@ -122,10 +120,7 @@ Expected<Backup> makeBackup(Session& session, const std::string& volume,
 // backup failed, it tells of that on its desktop instead of making another.
 bool canLeaveToAgent(Session& session, Agent& agent, const BackUpRequest& request) {
   if (request.encrypts || request.erasesAfter || session.isPasswordGiven()) return false;
-  const auto& host = session.host();
-  const bool hasPassword =
-      !host.defaults.stringForKey(kEncryptionKey) ||
-      KXKeychain::passwordForService(host.keychain, kKeychainService, host.user.fullUserName());
+  const bool hasPassword = !session.host().defaults.stringForKey(kEncryptionKey) || session.storedPassword();
   return hasPassword && agent.lastFailure().empty();
 }
 

@@ -168,10 +168,14 @@ Expected<Session::Password> Session::givenPassword() {
   return password_;
 }
 
+std::optional<base::Secret> Session::storedPassword() const {
+  return KXKeychain::passwordForService(host().keychain, kKeychainService, host().user.fullUserName());
+}
+
 Expected<Session::Password> Session::password(bool twice) {
   auto given = givenPassword();
   if (!given || *given) return given;
-  auto stored = KXKeychain::passwordForService(host().keychain, kKeychainService, host().user.fullUserName());
+  auto stored = storedPassword();
   if (!stored) return askPassword(twice);
   password_ = std::make_shared<const base::Secret>(*std::move(stored));
   return password_;

@@ -68,6 +68,8 @@ class Session {
   // The password that was given, or the keychain's, or one that is asked for; the same for all of the
   // command. `twice` has a password that is typed typed again.
   Expected<Password> password(bool twice = false);
+  // The keychain's.
+  std::optional<base::Secret> storedPassword() const;
   // Another than the one that was refused, asked for on a terminal.
   Expected<Password> otherPassword();
   // One that was given, or is asked for twice, whatever the keychain holds.

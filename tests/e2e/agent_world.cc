@@ -44,6 +44,16 @@ std::unique_ptr<Program> AgentWorld::openTerminal(const Arguments& arguments) {
   return start(line, Program::Screen::terminal);
 }
 
+AgentWorld::Outcome AgentWorld::ctl(Arguments arguments) {
+  arguments.insert(arguments.begin(), CTL_PROGRAM);
+  return outcomeOf(*start(arguments));
+}
+
+std::unique_ptr<Program> AgentWorld::openCtl(Arguments arguments) {
+  arguments.insert(arguments.begin(), CTL_PROGRAM);
+  return start(arguments, Program::Screen::terminal);
+}
+
 AgentWorld::Outcome AgentWorld::shell(const std::string& line) {
   return outcomeOf(*start({"sh", "-c", line}));
 }

@@ -28,6 +28,9 @@ class AgentWorld : public testing::Test {
   Outcome backUpWithoutPrivilege(const Arguments& arguments);
   std::unique_ptr<Program> startAgent(const Arguments& arguments);
   std::unique_ptr<Program> openTerminal(const Arguments& arguments);
+  // The command line, to its end; or on a terminal.
+  Outcome ctl(Arguments arguments);
+  std::unique_ptr<Program> openCtl(Arguments arguments);
   Outcome shell(const std::string& line);
   // Any program in this world.
   std::unique_ptr<Program> start(const Arguments& commandLine,

@@ -35,9 +35,9 @@ TEST_F(VerifyProgress, isNotShownElsewhere) {
   const auto verify = outcomeOf(*start({hdiutil, "verify", image()}));
   EXPECT_EQ(verify.output, "");
   EXPECT_THAT(verify.errors, Not(HasSubstr("%")));
-  const auto ctl = outcomeOf(*start({CTL_PROGRAM, "verify", "--all"}));
-  EXPECT_EQ(ctl.output, "STICK/1: sound\n");
-  EXPECT_EQ(ctl.errors, "");
+  const auto run = ctl({"verify", "--all"});
+  EXPECT_EQ(run.output, "STICK/1: sound\n");
+  EXPECT_EQ(run.errors, "");
 }
 
 TEST_F(VerifyProgress, isToldToWhoFollowsIt) {

@@ -17,14 +17,6 @@ using testing::SizeIs;
 
 class Ctl : public AgentWorld {
  protected:
-  Outcome ctl(Arguments arguments) {
-    arguments.insert(arguments.begin(), CTL_PROGRAM);
-    return outcomeOf(*start(arguments));
-  }
-  std::unique_ptr<Program> openCtl(Arguments arguments) {
-    arguments.insert(arguments.begin(), CTL_PROGRAM);
-    return start(arguments, Program::Screen::terminal);
-  }
   Outcome backUpStick(Arguments options = {}) {
     options.insert(options.begin(), {"backup", makeStick("STICK")});
     auto run = ctl(options);

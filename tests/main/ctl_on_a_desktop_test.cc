@@ -55,14 +55,6 @@ class CtlOnADesktop : public AgentWorld {
     environment["QT_QPA_PLATFORM"] = "offscreen";
   }
 
-  Outcome ctl(Arguments arguments) {
-    arguments.insert(arguments.begin(), CTL_PROGRAM);
-    return outcomeOf(*start(arguments));
-  }
-  std::unique_ptr<Program> openCtl(Arguments arguments) {
-    arguments.insert(arguments.begin(), CTL_PROGRAM);
-    return start(arguments, Program::Screen::terminal);
-  }
   // "STICK at /media/sdb1", one line each.
   std::string volumes() {
     return shell(std::string("\"") + CTL_PROGRAM +
